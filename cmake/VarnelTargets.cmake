@@ -1,0 +1,45 @@
+# SPDX-License-Identifier: MIT
+# One place for what every target of this tree has in common.
+
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_VISIBILITY_PRESET hidden)
+set(CMAKE_VISIBILITY_INLINES_HIDDEN ON)
+set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+
+# Warnings, sanitizers, and source paths relative to the tree, so that log lines read the same
+# whatever folder the build runs in.
+add_library(varnel_options INTERFACE)
+target_include_directories(varnel_options INTERFACE ${PROJECT_SOURCE_DIR})
+target_compile_options(varnel_options INTERFACE
+  -Wall -Wextra -Wpedantic -Wconversion -Wshadow
+  -fmacro-prefix-map=${PROJECT_SOURCE_DIR}/=)
+if(VARNEL_WERROR)
+  target_compile_options(varnel_options INTERFACE -Werror)
+endif()
+if(VARNEL_SANITIZE)
+  target_compile_options(varnel_options INTERFACE
+    -fsanitize=${VARNEL_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=undefined)
+  target_link_options(varnel_options INTERFACE -fsanitize=${VARNEL_SANITIZE})
+endif()
+
+# Coverage is wanted of the libraries, not of their tests.
+add_library(varnel_coverage INTERFACE)
+if(VARNEL_COVERAGE)
+  target_compile_options(varnel_coverage INTERFACE --coverage -O0 -fno-inline)
+  target_link_options(varnel_coverage INTERFACE --coverage)
+endif()
+
+# varnel_shared_library(TARGET VERSION_SCRIPT): SONAME, symbol visibility and build flags of a
+# library that is installed.
+function(varnel_shared_library target version_script)
+  target_link_libraries(${target} PRIVATE $<BUILD_INTERFACE:varnel_options>)
+  set_target_properties(${target} PROPERTIES
+    VERSION 1.0.0 SOVERSION 1 LINK_DEPENDS ${version_script})
+  target_link_options(${target} PRIVATE
+    LINKER:--version-script=${version_script} LINKER:--no-undefined-version)
+  if(NOT VARNEL_SANITIZE)
+    target_link_options(${target} PRIVATE LINKER:--no-undefined)
+  endif()
+endfunction()

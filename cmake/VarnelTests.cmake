@@ -1,0 +1,18 @@
+# SPDX-License-Identifier: MIT
+# varnel_test(TARGET SOURCES file... LIBS library... [LABELS label...])
+#
+# One test program, registered as one CTest: starting a process under emulation costs more than
+# most of its cases. Labels:
+#   native       starts a second program, so it can't run under emulation
+#   concurrency  runs under the thread sanitizer
+function(varnel_test target)
+  cmake_parse_arguments(arg "" "" "SOURCES;LIBS;LABELS" ${ARGN})
+  if(CMAKE_CROSSCOMPILING AND "native" IN_LIST arg_LABELS)
+    return()
+  endif()
+  add_executable(${target} ${arg_SOURCES})
+  target_compile_features(${target} PRIVATE cxx_std_20)
+  target_link_libraries(${target} PRIVATE varnel_options ${arg_LIBS} GTest::gmock_main)
+  add_test(NAME ${target} COMMAND ${target})
+  set_tests_properties(${target} PROPERTIES LABELS "${arg_LABELS}" TIMEOUT 300)
+endfunction()
