@@ -1,0 +1,50 @@
+// SPDX-License-Identifier: MIT
+#include "vboard/chips/Catalog.h"
+
+#include "vboard/board/TriStateBuffer.h"
+#include "vboard/chips/Mcp3201.h"
+
+namespace vboard {
+
+namespace {
+
+struct Kind {
+  std::string_view type;
+  std::unique_ptr<Part> (*make)(std::string name);
+};
+
+template <typename PartType>
+constexpr Kind kind() {
+  return {PartType::kType, [](std::string name) -> std::unique_ptr<Part> {
+            return std::make_unique<PartType>(std::move(name));
+          }};
+}
+
+constexpr Kind kKinds[] = {
+    kind<Mcp3201>(),
+    kind<TriStateBuffer>(),
+};
+
+}  // namespace
+
+std::unique_ptr<Part> makePart(std::string_view type, std::string name) {
+  for (const Kind& known : kKinds) {
+    if (known.type == type) {
+      return known.make(std::move(name));
+    }
+  }
+  return nullptr;
+}
+
+const std::vector<std::string_view>& partTypes() {
+  static const std::vector<std::string_view> kTypes = [] {
+    std::vector<std::string_view> types;
+    for (const Kind& known : kKinds) {
+      types.push_back(known.type);
+    }
+    return types;
+  }();
+  return kTypes;
+}
+
+}  // namespace vboard

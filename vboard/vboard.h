@@ -1,0 +1,15 @@
+// SPDX-License-Identifier: MIT
+#ifndef VBOARD_VBOARD_H
+#define VBOARD_VBOARD_H
+
+/// Everything a test needs to put a program or a library on a virtual board.
+
+#include "vboard/board/Board.h"           // IWYU pragma: export
+#include "vboard/board/Signal.h"          // IWYU pragma: export
+#include "vboard/board/TriStateBuffer.h"  // IWYU pragma: export
+#include "vboard/board/WireLog.h"         // IWYU pragma: export
+#include "vboard/chips/Catalog.h"         // IWYU pragma: export
+#include "vboard/chips/Mcp3201.h"         // IWYU pragma: export
+#include "vboard/kernel/Kernel.h"         // IWYU pragma: export
+
+#endif
