@@ -1,0 +1,67 @@
+// SPDX-License-Identifier: MIT
+#include "tool/Interrupt.h"
+
+#include <gmock/gmock.h>
+
+#include <csignal>
+#include <vector>
+
+using tool::Interrupt;
+using tool::repeat;
+using tool::Repetition;
+
+namespace {
+
+std::vector<uint64_t> rounds(Repetition repetition, uint64_t raiseIn, int signal) {
+  const Interrupt interrupt;
+  std::vector<uint64_t> seen;
+  repeat(repetition, interrupt, [&](uint64_t round) {
+    if (round == raiseIn) {
+      std::raise(signal);
+    }
+    seen.push_back(round);
+  });
+  return seen;
+}
+
+TEST(Repetition, RunsAsOftenAsAsked) {
+  EXPECT_THAT(rounds({.count = 3}, 0, 0), testing::ElementsAre(1, 2, 3));
+}
+
+TEST(Repetition, ASignalEndsItAfterTheRoundAtHand) {
+  for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+    EXPECT_THAT(rounds({.count = 0}, 2, signal), testing::ElementsAre(1, 2));
+    EXPECT_THAT(rounds({.count = 1000}, 2, signal), testing::ElementsAre(1, 2));
+  }
+}
+
+TEST(Repetition, ASignalCutsThePauseShort) {
+  // A day's pause: the test would not end without it.
+  EXPECT_THAT(rounds({.count = 0, .intervalMs = 86400000}, 1, SIGINT), testing::ElementsAre(1));
+}
+
+TEST(Interrupt, PutsTheFormerHandlersBack) {
+  struct sigaction ignore {};
+  ignore.sa_handler = SIG_IGN;
+  struct sigaction former {};
+  sigaction(SIGTERM, &ignore, &former);
+  { const Interrupt interrupt; }
+  struct sigaction after {};
+  sigaction(SIGTERM, &former, &after);
+  EXPECT_EQ(after.sa_handler, SIG_IGN);
+}
+
+TEST(Interrupt, AHangupThatWasIgnoredStaysIgnored) {
+  struct sigaction ignore {};
+  ignore.sa_handler = SIG_IGN;
+  struct sigaction former {};
+  sigaction(SIGHUP, &ignore, &former);
+  {
+    const Interrupt interrupt;
+    std::raise(SIGHUP);
+    EXPECT_FALSE(interrupt.requested());
+  }
+  sigaction(SIGHUP, &former, nullptr);
+}
+
+}  // namespace

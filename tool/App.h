@@ -1,0 +1,69 @@
+// SPDX-License-Identifier: MIT
+#ifndef TOOL_APP_H
+#define TOOL_APP_H
+
+#include <CLI/CLI.hpp>
+#include <functional>
+#include <iosfwd>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "tool/Options.h"
+#include "tool/PinSpec.h"
+
+namespace tool {
+
+struct ChipInfo;
+
+/// What a subcommand works with.
+struct Context {
+  const GlobalOptions& options;
+  std::ostream& out;
+  std::ostream& err;
+};
+
+/// The command line: global options, and the subcommands that chips register.
+class App {
+ public:
+  /// Does the work and returns the exit status.
+  using Action = std::function<int(const Context& context)>;
+
+  App();
+
+  /// Adds "varnel CHIP", which needs an operation after it.
+  CLI::App& addChip(const ChipInfo& chip);
+  /// Adds "varnel CHIP OPERATION" with its examples, whole command lines.
+  CLI::App& addOperation(CLI::App& chip, const std::string& name, const std::string& about,
+                         const std::string& examples, Action action);
+
+  /// Reads the command line and does what it says. 0: done, 1: the device failed, 2: bad arguments.
+  int run(int argc, const char* const* argv, std::ostream& out, std::ostream& err);
+
+ private:
+  struct Operation {
+    CLI::App* command;
+    Action action;
+  };
+
+  void addGlobalOptions();
+  int argumentsFailed(const CLI::ParseError& error, std::ostream& out, std::ostream& err);
+
+  CLI::App cli_;
+  GlobalOptions options_;
+  std::vector<Operation> operations_;
+};
+
+/// Adds an option that takes a pin in any of the forms of `parsePin`.
+CLI::Option* addPinOption(CLI::App& command, const std::string& name,
+                          std::optional<PinSpec>& target, const std::string& about);
+/// Adds an option that takes a finite number above 0; `quantity` as in "'-1' is not a voltage above
+/// 0".
+CLI::Option* addPositive(CLI::App& command, const std::string& name, double& target,
+                         const std::string& quantity, const std::string& about);
+/// Adds --count and --interval.
+void addRepetition(CLI::App& command, Repetition& repetition);
+
+}  // namespace tool
+
+#endif
