@@ -1,0 +1,43 @@
+// SPDX-License-Identifier: MIT
+#ifndef BENCH_BENCH_H
+#define BENCH_BENCH_H
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "vboard/vboard.h"
+
+namespace bench {
+
+/// One line of the table: what one call of an operation costs.
+struct Operation {
+  std::string name;
+  uint64_t systemCalls = 0;
+  uint64_t allocations = 0;
+};
+
+/// Two timed benchmarks of the same run whose ratio must stay below a limit (0: only printed).
+struct Comparison {
+  std::string name;
+  std::string measured;   ///< name of the benchmark
+  std::string reference;  ///< name of the benchmark it is compared with
+  double limit = 0;
+};
+
+/// What the chips' files contribute.
+struct Suite {
+  std::vector<Operation> operations;
+  std::vector<Comparison> comparisons;
+};
+
+/// Counts the system calls on the board's nodes, and the heap allocations, of one call.
+Operation count(std::string name, vboard::Board& board, const std::function<void()>& call);
+
+void addMcp3201(Suite& suite);
+void addVboard(Suite& suite);
+
+}  // namespace bench
+
+#endif
