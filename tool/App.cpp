@@ -183,7 +183,7 @@ int App::argumentsFailed(const CLI::ParseError& error, std::ostream& out, std::o
   std::string command = app.get_name();
   for (const CLI::App* parent = app.get_parent(); parent != nullptr;
        parent = parent->get_parent()) {
-    command = parent->get_name() + ' ' + command;
+    command.insert(0, parent->get_name() + ' ');
   }
   report(err, fmt::format("{}\n  try: {} --help", argumentsMessage(cli_, app, error), command));
   return kBadArguments;

@@ -23,7 +23,7 @@ std::string plain(const Value& value, int decimals) {
 }
 
 std::string csvField(const Value& value, int decimals) {
-  const std::string text = plain(value, decimals);
+  std::string text = plain(value, decimals);
   if (text.find_first_of(",\"\r\n") == std::string::npos) {
     return text;
   }

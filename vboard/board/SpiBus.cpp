@@ -198,37 +198,37 @@ void SpiBus::checkFormat(const SpiFormat& format) {
   }
 }
 
-void SpiBus::transfer(int select, const SpiFormat& asked, std::span<const uint32_t> mosi,
+void SpiBus::transfer(int select, const SpiFormat& format, std::span<const uint32_t> mosi,
                       std::span<uint32_t> miso) {
   const auto guard = lock();
-  SpiFormat format = asked;
-  format.mode &= 3U;
-  format.bitsPerWord = std::clamp<uint8_t>(format.bitsPerWord, 1, 32);
-  format.speedHz = std::max(format.speedHz, 1U);
-  sclk_->drive(driveOf(idleOf(format.mode)));
-  checkFormat(format);
+  SpiFormat shape = format;
+  shape.mode &= 3U;
+  shape.bitsPerWord = std::clamp<uint8_t>(shape.bitsPerWord, 1, 32);
+  shape.speedHz = std::max(shape.speedHz, 1U);
+  sclk_->drive(driveOf(idleOf(shape.mode)));
+  checkFormat(shape);
 
   const bool recorded = observed();
   if (recorded) {
     seenMiso_.assign(mosi.size(), 0);
   }
   const Time start = now();
-  if (recorded || !passUnheard(format, mosi, miso)) {
+  if (recorded || !passUnheard(shape, mosi, miso)) {
     const std::span<uint32_t> record = recorded ? std::span(seenMiso_) : std::span<uint32_t>();
-    if ((format.mode & 1U) != 0) {
-      shiftWords<true>(format, mosi, miso, record);
+    if ((shape.mode & 1U) != 0) {
+      shiftWords<true>(shape, mosi, miso, record);
     } else {
-      shiftWords<false>(format, mosi, miso, record);
+      shiftWords<false>(shape, mosi, miso, record);
     }
   }
   const Time end = now();
 
   ++statistics_.transfers;
   statistics_.words += mosi.size();
-  statistics_.clocks += mosi.size() * format.bitsPerWord;
+  statistics_.clocks += mosi.size() * shape.bitsPerWord;
   statistics_.busy += end - start;
   if (recorded) {
-    const SpiRecord record{start, end, this, select, format, mosi, seenMiso_};
+    const SpiRecord record{start, end, this, select, shape, mosi, seenMiso_};
     for (Observer* observer : board().observers()) {
       observer->onTransfer(record);
     }
@@ -243,8 +243,7 @@ bool SpiBus::passUnheard(const SpiFormat& format, std::span<const uint32_t> mosi
   const Time end = now() + HalfBits::duration(edges, format.speedHz);
   const Net& in = *miso_->net();
   if (edges == 0 || format.loop || &in == mosi_->net() || sclk_->net()->heard() ||
-      mosi_->net()->heard() ||
-      end >= clock().nextEvent() || nextFlip_ - sampledBits_ < edges) {
+      mosi_->net()->heard() || end >= clock().nextEvent() || nextFlip_ - sampledBits_ < edges) {
     return false;
   }
   const uint32_t mask = 0xFFFFFFFFU >> (32U - format.bitsPerWord);

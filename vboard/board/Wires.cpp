@@ -159,7 +159,8 @@ void Wires::reportConflicts() {
     for (const Pin* pin : net->pins()) {
       if (pin->driven() != Drive::Floating) {
         std::string& side = pin->driven() == Drive::High ? high : low;
-        side += (side.empty() ? "" : ", ") + pin->part().name() + "." + pin->name();
+        side.append(side.empty() ? "" : ", ").append(pin->part().name());
+        side.append(".").append(pin->name());
       }
     }
     board_.violate({board_.clock().now(), net->name(), "conflict",

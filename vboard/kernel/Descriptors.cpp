@@ -68,7 +68,9 @@ void DescriptorTable::releaseRange(unsigned first, unsigned last) {
   }
 }
 
-void DescriptorTable::clear() { releaseRange(0, kMaxDescriptors - 1); }
+void DescriptorTable::clear() {
+  releaseRange(0, kMaxDescriptors - 1);
+}
 
 int DescriptorTable::count() const {
   const auto used = [](const std::atomic<Description*>& slot) {
@@ -77,9 +79,13 @@ int DescriptorTable::count() const {
   return static_cast<int>(std::count_if(slots_.begin(), slots_.begin() + end_, used));
 }
 
-bool DescriptorTable::frozen() const { return syscall(SYS_getpid) != owner_; }
+bool DescriptorTable::frozen() const {
+  return syscall(SYS_getpid) != owner_;
+}
 
-void DescriptorTable::own() { owner_ = static_cast<pid_t>(syscall(SYS_getpid)); }
+void DescriptorTable::own() {
+  owner_ = static_cast<pid_t>(syscall(SYS_getpid));
+}
 
 std::string nodePathOf(int descriptor) {
   if (!descriptors.contains(descriptor)) {
@@ -93,8 +99,8 @@ std::string nodePathOf(int descriptor) {
 Result installOpenFile(std::shared_ptr<OpenFile> file, int flags, int backingDescriptor) {
   long descriptor = backingDescriptor;
   if (descriptor < 0) {
-    descriptor = syscall(SYS_openat, AT_FDCWD, "/dev/null",
-                         flags & (O_ACCMODE | O_CLOEXEC | O_NONBLOCK), 0);
+    descriptor =
+        syscall(SYS_openat, AT_FDCWD, "/dev/null", flags & (O_ACCMODE | O_CLOEXEC | O_NONBLOCK), 0);
     if (descriptor < 0) {
       return -errno;
     }

@@ -28,8 +28,8 @@ constexpr int kMaxDescriptors = 65536;
 /// Written with the board's lock held; looking whether a slot is empty needs no lock.
 ///
 /// A child of fork(2) keeps working with a copy of board and descriptors of its own. A child of
-/// vfork(2) shares this memory until it executes something, but its descriptors are its own: what it
-/// closes must stay open for the parent, so the table is left alone there (`frozen`).
+/// vfork(2) shares this memory until it executes something, but its descriptors are its own: what
+/// it closes must stay open for the parent, so the table is left alone there (`frozen`).
 class DescriptorTable {
  public:
   /// Whether a number is ours. One load.

@@ -18,7 +18,8 @@ constexpr Result kNotEmulated = LONG_MIN;
 // thread closed the descriptor since the caller found it to be ours, that is EBADF, and a second
 // close is libc's.
 
-/// Names of ours; kNotEmulated for all others, which cost nothing but one load while no kernel runs.
+/// Names of ours; kNotEmulated for all others, which cost nothing but one load while no kernel
+/// runs.
 Result emulatedOpen(int directory, const char* path, int flags);
 Result emulatedClose(int descriptor);
 /// The same without closing the real descriptor, for fclose.

@@ -34,7 +34,9 @@ int openPath(int directory, const char* path, int flags, Real real) {
   return descriptor;
 }
 
-bool needsMode(int flags) { return (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE; }
+bool needsMode(int flags) {
+  return (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE;
+}
 
 /// Copying `original`, to the number `target` where it isn't -1. Table and kernel change in one
 /// step, so that no other thread sees the one without the other.
@@ -90,99 +92,98 @@ using vboard::kernel::Result;
 
 // Looked up early: a signal handler or a child of vfork may be the first to call one, where looking
 // up isn't safe.
-#define VBOARD_NEXT(type, name)                                                         \
-  constinit Next<type> next_##name(#name);                                              \
-  __attribute__((constructor)) void find_##name() { next_##name.get(); }
-
-#define VBOARD_OPEN(name)                                                               \
-  namespace {                                                                           \
-  VBOARD_NEXT(int(const char*, int, ...), name)                                         \
-  }                                                                                     \
-  VBOARD_INTERPOSED int name(const char* path, int flags, ...) {                        \
-    mode_t mode = 0;                                                                    \
-    if (needsMode(flags)) {                                                             \
-      va_list arguments;                                                                \
-      va_start(arguments, flags);                                                       \
-      mode = va_arg(arguments, mode_t);                                                 \
-      va_end(arguments);                                                                \
-    }                                                                                   \
-    return openPath(AT_FDCWD, path, flags,                                              \
-                    [&] { return next_##name.get()(path, flags, mode); });              \
+#define VBOARD_NEXT(type, name)                     \
+  constinit Next<type> next_##name(#name);          \
+  __attribute__((constructor)) void find_##name() { \
+    next_##name.get();                              \
   }
 
-#define VBOARD_OPENAT(name)                                                             \
-  namespace {                                                                           \
-  VBOARD_NEXT(int(int, const char*, int, ...), name)                                    \
-  }                                                                                     \
-  VBOARD_INTERPOSED int name(int directory, const char* path, int flags, ...) {         \
-    mode_t mode = 0;                                                                    \
-    if (needsMode(flags)) {                                                             \
-      va_list arguments;                                                                \
-      va_start(arguments, flags);                                                       \
-      mode = va_arg(arguments, mode_t);                                                 \
-      va_end(arguments);                                                                \
-    }                                                                                   \
-    return openPath(directory, path, flags,                                             \
-                    [&] { return next_##name.get()(directory, path, flags, mode); });   \
+#define VBOARD_OPEN(name)                                                                         \
+  namespace {                                                                                     \
+  VBOARD_NEXT(int(const char*, int, ...), name)                                                   \
+  }                                                                                               \
+  VBOARD_INTERPOSED int name(const char* path, int flags, ...) {                                  \
+    mode_t mode = 0;                                                                              \
+    if (needsMode(flags)) {                                                                       \
+      va_list arguments;                                                                          \
+      va_start(arguments, flags);                                                                 \
+      mode = va_arg(arguments, mode_t);                                                           \
+      va_end(arguments);                                                                          \
+    }                                                                                             \
+    return openPath(AT_FDCWD, path, flags, [&] { return next_##name.get()(path, flags, mode); }); \
+  }
+
+#define VBOARD_OPENAT(name)                                                           \
+  namespace {                                                                         \
+  VBOARD_NEXT(int(int, const char*, int, ...), name)                                  \
+  }                                                                                   \
+  VBOARD_INTERPOSED int name(int directory, const char* path, int flags, ...) {       \
+    mode_t mode = 0;                                                                  \
+    if (needsMode(flags)) {                                                           \
+      va_list arguments;                                                              \
+      va_start(arguments, flags);                                                     \
+      mode = va_arg(arguments, mode_t);                                               \
+      va_end(arguments);                                                              \
+    }                                                                                 \
+    return openPath(directory, path, flags,                                           \
+                    [&] { return next_##name.get()(directory, path, flags, mode); }); \
   }
 
 // What fortified programs call when the flags ask for no mode.
-#define VBOARD_OPEN_2(name)                                                             \
-  namespace {                                                                           \
-  VBOARD_NEXT(int(const char*, int), name)                                              \
-  }                                                                                     \
-  VBOARD_INTERPOSED int name(const char* path, int flags) {                             \
-    return openPath(AT_FDCWD, path, flags,                                              \
-                    [&] { return next_##name.get()(path, flags); });                    \
+#define VBOARD_OPEN_2(name)                                                                 \
+  namespace {                                                                               \
+  VBOARD_NEXT(int(const char*, int), name)                                                  \
+  }                                                                                         \
+  VBOARD_INTERPOSED int name(const char* path, int flags) {                                 \
+    return openPath(AT_FDCWD, path, flags, [&] { return next_##name.get()(path, flags); }); \
   }
 
-#define VBOARD_OPENAT_2(name)                                                           \
-  namespace {                                                                           \
-  VBOARD_NEXT(int(int, const char*, int), name)                                         \
-  }                                                                                     \
-  VBOARD_INTERPOSED int name(int directory, const char* path, int flags) {              \
-    return openPath(directory, path, flags,                                             \
-                    [&] { return next_##name.get()(directory, path, flags); });         \
+#define VBOARD_OPENAT_2(name)                                                   \
+  namespace {                                                                   \
+  VBOARD_NEXT(int(int, const char*, int), name)                                 \
+  }                                                                             \
+  VBOARD_INTERPOSED int name(int directory, const char* path, int flags) {      \
+    return openPath(directory, path, flags,                                     \
+                    [&] { return next_##name.get()(directory, path, flags); }); \
   }
 
-#define VBOARD_CREAT(name)                                                              \
-  namespace {                                                                           \
-  VBOARD_NEXT(int(const char*, mode_t), name)                                           \
-  }                                                                                     \
-  VBOARD_INTERPOSED int name(const char* path, mode_t mode) {                           \
-    return openPath(AT_FDCWD, path, O_CREAT | O_WRONLY | O_TRUNC,                       \
-                    [&] { return next_##name.get()(path, mode); });                     \
+#define VBOARD_CREAT(name)                                          \
+  namespace {                                                       \
+  VBOARD_NEXT(int(const char*, mode_t), name)                       \
+  }                                                                 \
+  VBOARD_INTERPOSED int name(const char* path, mode_t mode) {       \
+    return openPath(AT_FDCWD, path, O_CREAT | O_WRONLY | O_TRUNC,   \
+                    [&] { return next_##name.get()(path, mode); }); \
   }
 
-#define VBOARD_CLOSE(name)                                                              \
-  namespace {                                                                           \
-  VBOARD_NEXT(int(int), name)                                                           \
-  }                                                                                     \
-  VBOARD_INTERPOSED int name(int descriptor) {                                          \
-    const Result result =                                                               \
-        descriptors.contains(descriptor) ? emulatedClose(descriptor) : kNotEmulated;    \
-    return result != kNotEmulated ? answer(result) : next_##name.get()(descriptor);     \
+#define VBOARD_CLOSE(name)                                                           \
+  namespace {                                                                        \
+  VBOARD_NEXT(int(int), name)                                                        \
+  }                                                                                  \
+  VBOARD_INTERPOSED int name(int descriptor) {                                       \
+    const Result result =                                                            \
+        descriptors.contains(descriptor) ? emulatedClose(descriptor) : kNotEmulated; \
+    return result != kNotEmulated ? answer(result) : next_##name.get()(descriptor);  \
   }
 
-#define VBOARD_DUP2(name)                                                               \
-  namespace {                                                                           \
-  VBOARD_NEXT(int(int, int), name)                                                      \
-  }                                                                                     \
-  VBOARD_INTERPOSED int name(int original, int target) noexcept {                       \
-    return duplicate(original, target,                                                  \
-                     [&] { return next_##name.get()(original, target); });              \
+#define VBOARD_DUP2(name)                                                                    \
+  namespace {                                                                                \
+  VBOARD_NEXT(int(int, int), name)                                                           \
+  }                                                                                          \
+  VBOARD_INTERPOSED int name(int original, int target) noexcept {                            \
+    return duplicate(original, target, [&] { return next_##name.get()(original, target); }); \
   }
 
-#define VBOARD_FCNTL(name)                                                              \
-  namespace {                                                                           \
-  VBOARD_NEXT(int(int, int, ...), name)                                                 \
-  }                                                                                     \
-  VBOARD_INTERPOSED int name(int descriptor, int command, ...) {                        \
-    va_list arguments;                                                                  \
-    va_start(arguments, command);                                                       \
-    void* const argument = va_arg(arguments, void*);                                    \
-    va_end(arguments);                                                                  \
-    return control(descriptor, command, argument, next_##name.get());                   \
+#define VBOARD_FCNTL(name)                                            \
+  namespace {                                                         \
+  VBOARD_NEXT(int(int, int, ...), name)                               \
+  }                                                                   \
+  VBOARD_INTERPOSED int name(int descriptor, int command, ...) {      \
+    va_list arguments;                                                \
+    va_start(arguments, command);                                     \
+    void* const argument = va_arg(arguments, void*);                  \
+    va_end(arguments);                                                \
+    return control(descriptor, command, argument, next_##name.get()); \
   }
 
 VBOARD_OPEN(open)

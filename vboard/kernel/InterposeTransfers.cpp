@@ -69,102 +69,95 @@ using vboard::kernel::seekRefusal;
 
 // Looked up early: a signal handler or a child of vfork may be the first to call one, where looking
 // up isn't safe.
-#define VBOARD_NEXT(type, name)                                                         \
-  namespace {                                                                           \
-  constinit Next<type> next_##name(#name);                                              \
-  __attribute__((constructor)) void find_##name() { next_##name.get(); }                \
+#define VBOARD_NEXT(type, name)                     \
+  namespace {                                       \
+  constinit Next<type> next_##name(#name);          \
+  __attribute__((constructor)) void find_##name() { \
+    next_##name.get();                              \
+  }                                                 \
   }
 
-#define VBOARD_IOCTL(name)                                                              \
-  VBOARD_NEXT(int(int, unsigned long, ...), name)                                       \
-  VBOARD_INTERPOSED int name(int descriptor, unsigned long request, ...) noexcept {     \
-    va_list arguments;                                                                  \
-    va_start(arguments, request);                                                       \
-    void* const argument = va_arg(arguments, void*);                                    \
-    va_end(arguments);                                                                  \
-    return control(descriptor, request, argument,                                       \
-                   [&] { return next_##name.get()(descriptor, request, argument); });   \
+#define VBOARD_IOCTL(name)                                                            \
+  VBOARD_NEXT(int(int, unsigned long, ...), name)                                     \
+  VBOARD_INTERPOSED int name(int descriptor, unsigned long request, ...) noexcept {   \
+    va_list arguments;                                                                \
+    va_start(arguments, request);                                                     \
+    void* const argument = va_arg(arguments, void*);                                  \
+    va_end(arguments);                                                                \
+    return control(descriptor, request, argument,                                     \
+                   [&] { return next_##name.get()(descriptor, request, argument); }); \
   }
 
-#define VBOARD_READ(name)                                                               \
-  VBOARD_NEXT(ssize_t(int, void*, size_t), name)                                        \
-  VBOARD_INTERPOSED ssize_t name(int descriptor, void* buffer, size_t size) {           \
-    return answer(descriptors.contains(descriptor)                                      \
-                      ? emulatedRead(descriptor, buffer, size)                          \
-                      : kNotEmulated,                                                   \
-                  [&] { return next_##name.get()(descriptor, buffer, size); });         \
+#define VBOARD_READ(name)                                                                         \
+  VBOARD_NEXT(ssize_t(int, void*, size_t), name)                                                  \
+  VBOARD_INTERPOSED ssize_t name(int descriptor, void* buffer, size_t size) {                     \
+    return answer(                                                                                \
+        descriptors.contains(descriptor) ? emulatedRead(descriptor, buffer, size) : kNotEmulated, \
+        [&] { return next_##name.get()(descriptor, buffer, size); });                             \
   }
 
-#define VBOARD_WRITE(name)                                                              \
-  VBOARD_NEXT(ssize_t(int, const void*, size_t), name)                                  \
-  VBOARD_INTERPOSED ssize_t name(int descriptor, const void* buffer, size_t size) {     \
-    return answer(descriptors.contains(descriptor)                                      \
-                      ? emulatedWrite(descriptor, buffer, size)                         \
-                      : kNotEmulated,                                                   \
-                  [&] { return next_##name.get()(descriptor, buffer, size); });         \
+#define VBOARD_WRITE(name)                                                                         \
+  VBOARD_NEXT(ssize_t(int, const void*, size_t), name)                                             \
+  VBOARD_INTERPOSED ssize_t name(int descriptor, const void* buffer, size_t size) {                \
+    return answer(                                                                                 \
+        descriptors.contains(descriptor) ? emulatedWrite(descriptor, buffer, size) : kNotEmulated, \
+        [&] { return next_##name.get()(descriptor, buffer, size); });                              \
   }
 
-#define VBOARD_VECTOR(name, emulated)                                                   \
-  VBOARD_NEXT(ssize_t(int, const iovec*, int), name)                                    \
-  VBOARD_INTERPOSED ssize_t name(int descriptor, const iovec* buffers, int count) {     \
-    return answer(descriptors.contains(descriptor)                                      \
-                      ? emulated(descriptor, buffers, count)                            \
-                      : kNotEmulated,                                                   \
-                  [&] { return next_##name.get()(descriptor, buffers, count); });       \
+#define VBOARD_VECTOR(name, emulated)                                                           \
+  VBOARD_NEXT(ssize_t(int, const iovec*, int), name)                                            \
+  VBOARD_INTERPOSED ssize_t name(int descriptor, const iovec* buffers, int count) {             \
+    return answer(                                                                              \
+        descriptors.contains(descriptor) ? emulated(descriptor, buffers, count) : kNotEmulated, \
+        [&] { return next_##name.get()(descriptor, buffers, count); });                         \
   }
 
-#define VBOARD_SEEK(name, Offset)                                                       \
-  VBOARD_NEXT(Offset(int, Offset, int), name)                                           \
-  VBOARD_INTERPOSED Offset name(int descriptor, Offset offset, int whence) noexcept {   \
-    return answer(seekRefusal(descriptor),                                              \
-                  [&] { return next_##name.get()(descriptor, offset, whence); });       \
+#define VBOARD_SEEK(name, Offset)                                                     \
+  VBOARD_NEXT(Offset(int, Offset, int), name)                                         \
+  VBOARD_INTERPOSED Offset name(int descriptor, Offset offset, int whence) noexcept { \
+    return answer(seekRefusal(descriptor),                                            \
+                  [&] { return next_##name.get()(descriptor, offset, whence); });     \
   }
 
-#define VBOARD_PREAD(name, Offset)                                                      \
-  VBOARD_NEXT(ssize_t(int, void*, size_t, Offset), name)                                \
-  VBOARD_INTERPOSED ssize_t name(int descriptor, void* buffer, size_t size,             \
-                                 Offset offset) {                                       \
-    return answer(positionedRefusal(descriptor, offset),                                \
-                  [&] { return next_##name.get()(descriptor, buffer, size, offset); }); \
+#define VBOARD_PREAD(name, Offset)                                                           \
+  VBOARD_NEXT(ssize_t(int, void*, size_t, Offset), name)                                     \
+  VBOARD_INTERPOSED ssize_t name(int descriptor, void* buffer, size_t size, Offset offset) { \
+    return answer(positionedRefusal(descriptor, offset),                                     \
+                  [&] { return next_##name.get()(descriptor, buffer, size, offset); });      \
   }
 
-#define VBOARD_PREAD_CHECKED(name, Offset)                                              \
-  VBOARD_NEXT(ssize_t(int, void*, size_t, Offset, size_t), name)                        \
-  VBOARD_INTERPOSED ssize_t name(int descriptor, void* buffer, size_t size,             \
-                                 Offset offset, size_t space) {                         \
-    return answer(positionedRefusal(descriptor, offset), [&] {                          \
-      return next_##name.get()(descriptor, buffer, size, offset, space);                \
-    });                                                                                 \
+#define VBOARD_PREAD_CHECKED(name, Offset)                                                     \
+  VBOARD_NEXT(ssize_t(int, void*, size_t, Offset, size_t), name)                               \
+  VBOARD_INTERPOSED ssize_t name(int descriptor, void* buffer, size_t size, Offset offset,     \
+                                 size_t space) {                                               \
+    return answer(positionedRefusal(descriptor, offset),                                       \
+                  [&] { return next_##name.get()(descriptor, buffer, size, offset, space); }); \
   }
 
-#define VBOARD_PWRITE(name, Offset)                                                     \
-  VBOARD_NEXT(ssize_t(int, const void*, size_t, Offset), name)                          \
-  VBOARD_INTERPOSED ssize_t name(int descriptor, const void* buffer, size_t size,       \
-                                 Offset offset) {                                       \
-    return answer(positionedRefusal(descriptor, offset),                                \
-                  [&] { return next_##name.get()(descriptor, buffer, size, offset); }); \
+#define VBOARD_PWRITE(name, Offset)                                                                \
+  VBOARD_NEXT(ssize_t(int, const void*, size_t, Offset), name)                                     \
+  VBOARD_INTERPOSED ssize_t name(int descriptor, const void* buffer, size_t size, Offset offset) { \
+    return answer(positionedRefusal(descriptor, offset),                                           \
+                  [&] { return next_##name.get()(descriptor, buffer, size, offset); });            \
   }
 
-#define VBOARD_POSITIONED_VECTOR(name, Offset)                                          \
-  VBOARD_NEXT(ssize_t(int, const iovec*, int, Offset), name)                            \
-  VBOARD_INTERPOSED ssize_t name(int descriptor, const iovec* buffers, int count,       \
-                                 Offset offset) {                                       \
-    return answer(positionedRefusal(descriptor, offset), [&] {                          \
-      return next_##name.get()(descriptor, buffers, count, offset);                     \
-    });                                                                                 \
+#define VBOARD_POSITIONED_VECTOR(name, Offset)                                                     \
+  VBOARD_NEXT(ssize_t(int, const iovec*, int, Offset), name)                                       \
+  VBOARD_INTERPOSED ssize_t name(int descriptor, const iovec* buffers, int count, Offset offset) { \
+    return answer(positionedRefusal(descriptor, offset),                                           \
+                  [&] { return next_##name.get()(descriptor, buffers, count, offset); });          \
   }
 
 // An offset of -1 means the file's own position: plain readv and writev.
-#define VBOARD_POSITIONED_VECTOR_2(name, Offset, emulated)                              \
-  VBOARD_NEXT(ssize_t(int, const iovec*, int, Offset, int), name)                       \
-  VBOARD_INTERPOSED ssize_t name(int descriptor, const iovec* buffers, int count,       \
-                                 Offset offset, int flags) {                            \
-    const Result result = offset == -1 && descriptors.contains(descriptor)              \
-                              ? emulated(descriptor, buffers, count)                    \
-                              : positionedRefusal(descriptor, offset);                  \
-    return answer(result, [&] {                                                         \
-      return next_##name.get()(descriptor, buffers, count, offset, flags);              \
-    });                                                                                 \
+#define VBOARD_POSITIONED_VECTOR_2(name, Offset, emulated)                                       \
+  VBOARD_NEXT(ssize_t(int, const iovec*, int, Offset, int), name)                                \
+  VBOARD_INTERPOSED ssize_t name(int descriptor, const iovec* buffers, int count, Offset offset, \
+                                 int flags) {                                                    \
+    const Result result = offset == -1 && descriptors.contains(descriptor)                       \
+                              ? emulated(descriptor, buffers, count)                             \
+                              : positionedRefusal(descriptor, offset);                           \
+    return answer(result,                                                                        \
+                  [&] { return next_##name.get()(descriptor, buffers, count, offset, flags); }); \
   }
 
 VBOARD_IOCTL(ioctl)

@@ -73,7 +73,9 @@ Kernel::~Kernel() {
   impl_->tree.clear();
 }
 
-Board& Kernel::board() const { return impl_->board; }
+Board& Kernel::board() const {
+  return impl_->board;
+}
 
 void Kernel::failCall(Call call, unsigned n, int errorNumber, std::string_view node) {
   const auto lock = impl_->lock();

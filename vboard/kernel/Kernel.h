@@ -45,9 +45,14 @@ enum class Call : uint8_t {
 
 /// The emulated kernel: while it lives, `/dev/spidevB.C` and `/dev/gpiochipN` of the board answer
 /// in this process, and real nodes of these kinds are out of reach. One at a time.
+///
+/// A child of fork(2) goes on with a copy of the board and of the open nodes of its own: what it
+/// does shows on no wire of its parent's board. A program that it executes finds /dev/null behind
+/// the descriptors it inherits.
 class Kernel {
  public:
-  /// Powers the board up and puts its nodes in place.
+  /// Powers the board up and puts its nodes in place. Throws std::logic_error when another kernel
+  /// lives.
   explicit Kernel(Board& board, KernelOptions options = {});
   ~Kernel();
   Kernel(const Kernel&) = delete;
@@ -56,13 +61,15 @@ class Kernel {
   Board& board() const;
 
   /// Fault: the n-th call of a kind from now (1 = the next) fails with an error number, once; on a
-  /// node, or on any when `node` is empty.
+  /// node, or on any when `node` is empty. A failed call does nothing else, except that a failed
+  /// close closes all the same, as it does on a real kernel.
   void failCall(Call call, unsigned n, int errorNumber, std::string_view node = {});
   /// Fault: every call of a kind fails from now, until cleared.
   void failCallsFromNow(Call call, int errorNumber, std::string_view node = {});
   void clearFaults();
 
-  /// Pulls a node out: open descriptors answer ESHUTDOWN, its path ENOENT. And puts it back.
+  /// Pulls a node out: open descriptors answer ESHUTDOWN, its path ENOENT. And puts it back, for
+  /// new descriptors. Both throw std::invalid_argument for a path that no node of the board has.
   void removeNode(std::string_view path);
   void restoreNode(std::string_view path);
   /// Opening the node fails with EACCES for who isn't allowed.

@@ -63,10 +63,14 @@ KernelState* tryEnter() {
   return state;
 }
 
-void leave(KernelState& state) {
+void unlock(KernelState& state) {
   publishedTime.store(state.board.clock().now().count(), std::memory_order_relaxed);
   tellUnlocking(state.board.mutex());
   state.board.mutex().unlock();
+}
+
+void leave(KernelState& state) {
+  unlock(state);
   callsInside.fetch_sub(1, std::memory_order_release);
 }
 
@@ -74,7 +78,9 @@ void leave(KernelState& state) {
 
 thread_local KernelState* heldForFork __attribute__((tls_model("initial-exec"))) = nullptr;
 
-void beforeFork() { heldForFork = enter(); }
+void beforeFork() {
+  heldForFork = enter();
+}
 
 void afterForkInParent() {
   if (heldForFork != nullptr) {
@@ -121,11 +127,17 @@ RealTime::~RealTime() {
   }
 }
 
-void RealTime::catchUp() { board_.clock().advanceTo(std::chrono::steady_clock::now() - start_); }
+void RealTime::catchUp() {
+  board_.clock().advanceTo(std::chrono::steady_clock::now() - start_);
+}
 
-void RealTime::waitUntil(Time moment) const { std::this_thread::sleep_until(start_ + moment); }
+void RealTime::waitUntil(Time moment) const {
+  std::this_thread::sleep_until(start_ + moment);
+}
 
-void RealTime::forked() { new (&thread_) std::thread; }
+void RealTime::forked() {
+  new (&thread_) std::thread;
+}
 
 void RealTime::run() {
   while (!stopping_) {
@@ -144,9 +156,13 @@ KernelState::KernelState(Board& theBoard, KernelOptions theOptions)
   options.virtualTime = options.virtualTime && !options.realTime;
 }
 
-KernelState::~KernelState() { inForce = nullptr; }
+KernelState::~KernelState() {
+  inForce = nullptr;
+}
 
-KernelState& kernelState() { return *inForce.load(std::memory_order_relaxed); }
+KernelState& kernelState() {
+  return *inForce.load(std::memory_order_relaxed);
+}
 
 void startRunning(KernelState& state) {
   prepareProcess();
@@ -170,16 +186,22 @@ void stopRunning() {
   setFileTree(nullptr);
 }
 
-bool virtualTimeActive() { return currentVirtualTime.load(std::memory_order_relaxed); }
+bool virtualTimeActive() {
+  return currentVirtualTime.load(std::memory_order_relaxed);
+}
 
-bool running() { return current.load(std::memory_order_relaxed) != nullptr; }
+bool running() {
+  return current.load(std::memory_order_relaxed) != nullptr;
+}
 
 Board* activeBoard() {
   const KernelState* state = current.load(std::memory_order_acquire);
   return state == nullptr ? nullptr : &state->board;
 }
 
-void onFirstCall(void (*function)()) { firstCall.store(function, std::memory_order_relaxed); }
+void onFirstCall(void (*function)()) {
+  firstCall.store(function, std::memory_order_relaxed);
+}
 
 RunningScope::RunningScope() {
   KernelState* state = enter();
@@ -208,7 +230,7 @@ CallScope::~CallScope() {
     RealTime* const realTime = state_->realTime.get();
     if (realTime != nullptr) {
       const Time end = state_->board.clock().now();
-      state_->board.mutex().unlock();
+      unlock(*state_);
       realTime->waitUntil(end);
       callsInside.fetch_sub(1, std::memory_order_release);
     } else {
@@ -218,7 +240,9 @@ CallScope::~CallScope() {
   errno = savedErrno_;
 }
 
-CallScope::operator bool() const { return state_ != nullptr; }
+CallScope::operator bool() const {
+  return state_ != nullptr;
+}
 
 int faultFor(Call call, const std::string& nodePath) {
   return kernelState().faults.next(call, nodePath);

@@ -21,7 +21,8 @@ bool running();
 /// at it from a thread of its own holds a `RunningScope`.
 Board* activeBoard();
 
-/// Calls a function once, at this process's next call on an emulated node, with the board's lock held.
+/// Calls a function once, at this process's next call on an emulated node, with the board's lock
+/// held.
 void onFirstCall(void (*function)());
 
 /// Keeps the running kernel and its board alive, and the board's lock held, for the length of one

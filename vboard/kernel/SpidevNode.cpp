@@ -112,7 +112,7 @@ std::optional<Call> callOf(uint32_t request) {
     case SPI_IOC_RD_MAX_SPEED_HZ: return Call::ReadSpeed;
     default: break;
   }
-  if (_IOC_NR(request) == _IOC_NR(SPI_IOC_MESSAGE(0)) && _IOC_DIR(request) == _IOC_WRITE) {
+  if (_IOC_NR(request) == _IOC_NR(SPI_IOC_MESSAGE(1)) && _IOC_DIR(request) == _IOC_WRITE) {
     return Call::Message;
   }
   return std::nullopt;
@@ -322,7 +322,9 @@ SpiDevice::SpiDevice(std::shared_ptr<SpiController> controller, int select, std:
   controller_->deselect(select_, mode_);
 }
 
-void SpiDevice::resetSpeed() { speedHz_ = controller_->profile().maxSpeedHz; }
+void SpiDevice::resetSpeed() {
+  speedHz_ = controller_->profile().maxSpeedHz;
+}
 
 Result SpiDevice::setUp(uint32_t mode, uint8_t bitsPerWord) {
   const ControllerProfile& profile = controller_->profile();
@@ -354,7 +356,9 @@ Result SpiDevice::writeLsbFirst(bool lsbFirst) {
   return setUp(lsbFirst ? mode_ | SPI_LSB_FIRST : mode_ & ~uint32_t{SPI_LSB_FIRST}, bitsPerWord_);
 }
 
-Result SpiDevice::writeBitsPerWord(uint8_t bits) { return setUp(mode_, bits); }
+Result SpiDevice::writeBitsPerWord(uint8_t bits) {
+  return setUp(mode_, bits);
+}
 
 Result SpiDevice::writeSpeed(uint32_t speedHz) {
   if (speedHz == 0) {
@@ -399,7 +403,7 @@ Result SpiDevice::ioctl(uint32_t request, void* argument) {
       return copyFromUser(&word, argument, sizeof(word)) ? writeSpeed(word) : -EFAULT;
     default: break;
   }
-  if (_IOC_NR(request) != _IOC_NR(SPI_IOC_MESSAGE(0)) || _IOC_DIR(request) != _IOC_WRITE) {
+  if (_IOC_NR(request) != _IOC_NR(SPI_IOC_MESSAGE(1)) || _IOC_DIR(request) != _IOC_WRITE) {
     return -ENOTTY;
   }
   return message(_IOC_SIZE(request), argument);
@@ -551,9 +555,12 @@ SpidevNode::SpidevNode(const std::shared_ptr<SpiController>& controller, int sel
     : Node("/dev/spidev" + std::to_string(controller->bus().options().number) + "." +
                std::to_string(select),
            device),
-      device_(std::make_shared<SpiDevice>(controller, select, path())) {}
+      device_(std::make_shared<SpiDevice>(controller, select, path())) {
+}
 
-OpenResult SpidevNode::open(int /*flags*/) { return {std::make_shared<SpidevFile>(device_)}; }
+OpenResult SpidevNode::open(int /*flags*/) {
+  return {std::make_shared<SpidevFile>(device_)};
+}
 
 void SpidevNode::setRemoved(bool removed) {
   if (removed && !this->removed()) {

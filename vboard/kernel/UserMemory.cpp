@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
 //
 // The kernel answers EFAULT for addresses that the process can't read or write; a plain memcpy
-// would crash instead. Addresses in the caller's stack, the heap and the program's own variables are
-// known to be good and cost nothing. For all others the kernel copies, and so tells.
+// would crash instead. Addresses in the caller's stack, the heap and the program's own variables
+// are known to be good and cost nothing. For all others the kernel copies, and so tells.
 #include "vboard/kernel/UserMemory.h"
 
 #include <link.h>
@@ -69,7 +69,9 @@ const ProcessRanges& processRanges() {
 }
 
 /// Learned early, while the heap is still short.
-__attribute__((constructor)) void learnProcessRanges() { processRanges(); }
+__attribute__((constructor)) void learnProcessRanges() {
+  processRanges();
+}
 
 Range ownStack() {
   pthread_attr_t attributes;

@@ -22,7 +22,9 @@ struct Answers {
   bool loop;
 };
 
-void PrintTo(const Answers& answers, std::ostream* out) { *out << answers.profile; }
+void PrintTo(const Answers& answers, std::ostream* out) {
+  *out << answers.profile;
+}
 
 class ControllerProfiles : public ::testing::TestWithParam<Answers> {
  protected:
@@ -36,15 +38,15 @@ class ControllerProfiles : public ::testing::TestWithParam<Answers> {
   int descriptor_ = -1;
 };
 
-long okWhen(bool accepted) { return accepted ? 0 : -EINVAL; }
+long okWhen(bool accepted) {
+  return accepted ? 0 : -EINVAL;
+}
 
 TEST_P(ControllerProfiles, ClockModes) {
   EXPECT_EQ(set<uint8_t>(descriptor_, SPI_IOC_WR_MODE, SPI_MODE_0), 0);
   EXPECT_EQ(set<uint8_t>(descriptor_, SPI_IOC_WR_MODE, SPI_MODE_2), 0);
-  EXPECT_EQ(set<uint8_t>(descriptor_, SPI_IOC_WR_MODE, SPI_MODE_1),
-            okWhen(GetParam().modes1And3));
-  EXPECT_EQ(set<uint8_t>(descriptor_, SPI_IOC_WR_MODE, SPI_MODE_3),
-            okWhen(GetParam().modes1And3));
+  EXPECT_EQ(set<uint8_t>(descriptor_, SPI_IOC_WR_MODE, SPI_MODE_1), okWhen(GetParam().modes1And3));
+  EXPECT_EQ(set<uint8_t>(descriptor_, SPI_IOC_WR_MODE, SPI_MODE_3), okWhen(GetParam().modes1And3));
   EXPECT_EQ(get<uint8_t>(descriptor_, SPI_IOC_RD_MODE),
             GetParam().modes1And3 ? SPI_MODE_3 : SPI_MODE_2);
 }
@@ -84,19 +86,19 @@ TEST_P(ControllerProfiles, WhatAllOfThemDo) {
   EXPECT_EQ(bench::message(descriptor_, bench::transferOf(&byte, nullptr, 1)), 1);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    All, ControllerProfiles,
-    ::testing::Values(Answers{"full", true, true, 1, 32, true, true},
-                      Answers{"imx-ecspi", true, false, 1, 32, true, true},
-                      Answers{"spi-gpio", true, true, 1, 32, false, false},
-                      Answers{"bcm2835", true, false, 8, 8, true, false},
-                      Answers{"bcm2835-aux", false, false, 8, 8, true, false},
-                      Answers{"sun6i", true, true, 8, 8, false, false},
-                      Answers{"omap2-mcspi", true, false, 4, 32, false, false}),
-    [](const auto& instance) {
-      std::string name = instance.param.profile;
-      std::erase(name, '-');
-      return name;
-    });
+INSTANTIATE_TEST_SUITE_P(All, ControllerProfiles,
+                         ::testing::Values(Answers{"full", true, true, 1, 32, true, true},
+                                           Answers{"imx-ecspi", true, false, 1, 32, true, true},
+                                           Answers{"spi-gpio", true, true, 1, 32, false, false},
+                                           Answers{"bcm2835", true, false, 8, 8, true, false},
+                                           Answers{"bcm2835-aux", false, false, 8, 8, true, false},
+                                           Answers{"sun6i", true, true, 8, 8, false, false},
+                                           Answers{"omap2-mcspi", true, false, 4, 32, false,
+                                                   false}),
+                         [](const auto& instance) {
+                           std::string name = instance.param.profile;
+                           std::erase(name, '-');
+                           return name;
+                         });
 
 }  // namespace

@@ -42,13 +42,15 @@ Value get(int descriptor, unsigned long request) {
   return answer(ioctl(descriptor, request, &value)) == 0 ? value : static_cast<Value>(~Value{0});
 }
 
-/// Whether a spidev request met a real file or no file at all. Emulators of another processor answer
-/// ENOSYS to numbers they don't know.
+/// Whether a spidev request met a real file or no file at all. Emulators of another processor
+/// answer ENOSYS to numbers they don't know.
 inline bool isForeign(long result) {
   return result == -ENOTTY || result == -EBADF || result == -ENOSYS;
 }
 
-inline uint64_t address(const void* pointer) { return reinterpret_cast<uintptr_t>(pointer); }
+inline uint64_t address(const void* pointer) {
+  return reinterpret_cast<uintptr_t>(pointer);
+}
 
 inline spi_ioc_transfer transferOf(const void* transmit, void* receive, uint32_t length) {
   spi_ioc_transfer transfer{};
@@ -64,8 +66,7 @@ inline long message(int descriptor, spi_ioc_transfer transfer) {
 
 inline long message(int descriptor, std::vector<spi_ioc_transfer> transfers) {
   const unsigned long size = transfers.size() * sizeof(spi_ioc_transfer);
-  return answer(
-      ioctl(descriptor, _IOC(_IOC_WRITE, SPI_IOC_MAGIC, 0, size), transfers.data()));
+  return answer(ioctl(descriptor, _IOC(_IOC_WRITE, SPI_IOC_MAGIC, 0, size), transfers.data()));
 }
 
 /// Writes down what happens on a bus: select edges and transfers, with the microsecond.
@@ -129,8 +130,8 @@ struct SpiBench {
 class GuardedPage {
  public:
   explicit GuardedPage(int protection = PROT_READ | PROT_WRITE)
-      : pages_(static_cast<uint8_t*>(mmap(nullptr, 2 * kSize, PROT_READ | PROT_WRITE,
-                                          MAP_PRIVATE | MAP_ANONYMOUS, -1, 0))) {
+      : pages_(static_cast<uint8_t*>(
+            mmap(nullptr, 2 * kSize, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0))) {
     mprotect(pages_, kSize, protection);
     mprotect(pages_ + kSize, kSize, PROT_NONE);
   }

@@ -214,9 +214,8 @@ TEST_F(Spidev, SpeedAboveTheControllersReadsBackAsAskedAndTransfersAreClamped) {
   spi_ioc_transfer faster = transferOf(&byte, nullptr, 1);
   faster.speed_hz = 300000000;
   EXPECT_EQ(message(descriptor_, faster), 1);
-  EXPECT_EQ(journal.lines,
-            (Lines{"CS0 low", "mode 0, 8 bits, 125000000 Hz: 81", "CS0 high",  //
-                   "CS0 low", "mode 0, 8 bits, 125000000 Hz: 81", "CS0 high"}));
+  EXPECT_EQ(journal.lines, (Lines{"CS0 low", "mode 0, 8 bits, 125000000 Hz: 81", "CS0 high",  //
+                                  "CS0 low", "mode 0, 8 bits, 125000000 Hz: 81", "CS0 high"}));
 }
 
 // Numbers
@@ -245,7 +244,7 @@ TEST_F(Spidev, AMessageThatIsNoWholeNumberOfTransfersIsRefused) {
 
 TEST_F(Spidev, AMessageOfNoTransfersDoesNothing) {
   Journal journal(bench_.bus);
-  EXPECT_EQ(answer(ioctl(descriptor_, SPI_IOC_MESSAGE(0), nullptr)), 0);
+  EXPECT_EQ(answer(ioctl(descriptor_, _IOC(_IOC_WRITE, SPI_IOC_MAGIC, 0, 0), nullptr)), 0);
   EXPECT_EQ(journal.lines, Lines{});
 }
 
@@ -277,8 +276,8 @@ TEST_F(Spidev, SentAndReceivedBytesAreCountedSeparately) {
 
 TEST_F(Spidev, LengthsThatAddUpToANegativeResultAreTooLong) {
   EXPECT_EQ(message(descriptor_, transferOf(nullptr, nullptr, 0x80000000)), -EMSGSIZE);
-  EXPECT_EQ(message(descriptor_, {transferOf(nullptr, nullptr, 0),
-                                  transferOf(nullptr, nullptr, UINT_MAX)}),
+  EXPECT_EQ(message(descriptor_,
+                    {transferOf(nullptr, nullptr, 0), transferOf(nullptr, nullptr, UINT_MAX)}),
             -EMSGSIZE);
 }
 
@@ -293,8 +292,8 @@ TEST_F(Spidev, AnUnreadableTransmitBufferIsAFaultWithNothingOnTheWires) {
   const uint8_t byte = 1;
   EXPECT_EQ(message(descriptor_, transferOf(page.forbidden(), nullptr, 1)), -EFAULT);
   EXPECT_EQ(message(descriptor_, transferOf(page.last(3), nullptr, 4)), -EFAULT);
-  EXPECT_EQ(message(descriptor_, {transferOf(&byte, nullptr, 1),
-                                  transferOf(page.forbidden(), nullptr, 1)}),
+  EXPECT_EQ(message(descriptor_,
+                    {transferOf(&byte, nullptr, 1), transferOf(page.forbidden(), nullptr, 1)}),
             -EFAULT);
   EXPECT_EQ(journal.lines, Lines{});
   EXPECT_EQ(message(descriptor_, transferOf(page.last(4), nullptr, 4)), 4);
@@ -392,9 +391,9 @@ TEST(SpidevOnSlowLimit, ASpeedBelowTheControllersIsRefused) {
 
 TEST_F(Spidev, AMessageReturnsTheBytesOfAllItsTransfers) {
   Bytes bytes(10);
-  EXPECT_EQ(message(descriptor_, {transferOf(bytes.data(), nullptr, 3),
-                                  transferOf(nullptr, bytes.data(), 4),
-                                  transferOf(bytes.data(), bytes.data(), 5)}),
+  EXPECT_EQ(message(descriptor_,
+                    {transferOf(bytes.data(), nullptr, 3), transferOf(nullptr, bytes.data(), 4),
+                     transferOf(bytes.data(), bytes.data(), 5)}),
             12);
   EXPECT_EQ(message(descriptor_, transferOf(bytes.data(), nullptr, 0)), 0);
 }
@@ -443,10 +442,10 @@ TEST_F(Spidev, WordsAreRightJustifiedInHostOrder) {
   EXPECT_EQ(message(descriptor_, {sized(&small, 1, 5), sized(&middle, 2, 15), sized(&large, 4, 24),
                                   sized(&large, 4, 32)}),
             11);
-  EXPECT_EQ(journal.lines, (Lines{"CS0 low", "mode 0, 5 bits, 1000000 Hz: 15",
-                                  "mode 0, 15 bits, 1000000 Hz: 1abc",
-                                  "mode 0, 24 bits, 1000000 Hz: abcdef",
-                                  "mode 0, 32 bits, 1000000 Hz: abcdef", "CS0 high"}));
+  EXPECT_EQ(journal.lines,
+            (Lines{"CS0 low", "mode 0, 5 bits, 1000000 Hz: 15", "mode 0, 15 bits, 1000000 Hz: 1abc",
+                   "mode 0, 24 bits, 1000000 Hz: abcdef", "mode 0, 32 bits, 1000000 Hz: abcdef",
+                   "CS0 high"}));
 }
 
 TEST_F(Spidev, SpareBitsAreNeitherSentNorReceived) {
@@ -500,9 +499,8 @@ TEST_F(Spidev, TheSelectFrameIsTheWholeMessage) {
   spi_ioc_transfer second = first;
   second.delay_usecs = 5;
   EXPECT_EQ(message(descriptor_, {first, second}), 2);
-  EXPECT_EQ(journal.lines,
-            (Lines{"0: CS0 low", "0: mode 0, 8 bits, 1000000 Hz: a5",
-                   "38: mode 0, 8 bits, 1000000 Hz: a5", "51: CS0 high"}));
+  EXPECT_EQ(journal.lines, (Lines{"0: CS0 low", "0: mode 0, 8 bits, 1000000 Hz: a5",
+                                  "38: mode 0, 8 bits, 1000000 Hz: a5", "51: CS0 high"}));
 }
 
 TEST_F(Spidev, ChangingTheSelectReleasesItBetweenTransfersAfterTheDelay) {
@@ -546,8 +544,8 @@ TEST_F(Spidev, AMessageToAnotherDeviceReleasesTheOneLeftSelected) {
   Journal journal(bench_.bus);
   transfer.cs_change = 0;
   EXPECT_EQ(message(other, transfer), 1);
-  EXPECT_EQ(journal.lines, (Lines{"CS0 high", "CS1 low", "mode 0, 8 bits, 1000000 Hz: a5",
-                                  "CS1 high"}));
+  EXPECT_EQ(journal.lines,
+            (Lines{"CS0 high", "CS1 low", "mode 0, 8 bits, 1000000 Hz: a5", "CS1 high"}));
   close(other);
 }
 
@@ -590,10 +588,9 @@ TEST_F(Spidev, APauseBetweenWordsStretchesTheTransfer) {
   transfer.word_delay_usecs = 7;
   EXPECT_EQ(message(descriptor_, transfer), 3);
   EXPECT_EQ(received, bytes);
-  EXPECT_EQ(journal.lines,
-            (Lines{"0: CS0 low", "0: mode 0, 8 bits, 1000000 Hz: 1",
-                   "15: mode 0, 8 bits, 1000000 Hz: 2", "30: mode 0, 8 bits, 1000000 Hz: 3",
-                   "38: CS0 high"}));
+  EXPECT_EQ(journal.lines, (Lines{"0: CS0 low", "0: mode 0, 8 bits, 1000000 Hz: 1",
+                                  "15: mode 0, 8 bits, 1000000 Hz: 2",
+                                  "30: mode 0, 8 bits, 1000000 Hz: 3", "38: CS0 high"}));
 }
 
 // read and write
@@ -677,12 +674,12 @@ TEST(SpidevCalls, EveryCallTakesItsCostAndIsSeenByObservers) {
   EXPECT_EQ(write(descriptor, &byte, 0), 0);
   EXPECT_EQ(read(descriptor, &byte, 0), 0);
   close(descriptor);
-  EXPECT_EQ(journal.calls,
-            (Lines{"open /dev/spidev3.0 = " + std::to_string(descriptor),
-                   "SPI_IOC_WR_MODE /dev/spidev3.0 = 0",
-                   "SPI_IOC_WR_BITS_PER_WORD /dev/spidev3.0 = -22",
-                   "SPI_IOC_MESSAGE(2) /dev/spidev3.0 = 0", "write /dev/spidev3.0 = 0",
-                   "read /dev/spidev3.0 = 0", "close /dev/spidev3.0 = 0"}));
+  EXPECT_EQ(
+      journal.calls,
+      (Lines{"open /dev/spidev3.0 = " + std::to_string(descriptor),
+             "SPI_IOC_WR_MODE /dev/spidev3.0 = 0", "SPI_IOC_WR_BITS_PER_WORD /dev/spidev3.0 = -22",
+             "SPI_IOC_MESSAGE(2) /dev/spidev3.0 = 0", "write /dev/spidev3.0 = 0",
+             "read /dev/spidev3.0 = 0", "close /dev/spidev3.0 = 0"}));
   EXPECT_EQ(board.clock().now(), std::chrono::microseconds(7 * 20));
 }
 
