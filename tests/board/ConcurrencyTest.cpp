@@ -18,15 +18,15 @@ constexpr int kReadings = 200;
 /// Two buses with two converters each; converter i is selected by GPIO i and sees i + 0.5 volts.
 struct FourConverters {
   FourConverters() {
-    for (int busNumber = 0; busNumber < 2; ++busNumber) {
-      spi[busNumber] = &board.addSpiBus({.number = busNumber});
+    for (size_t i = 0; i < spi.size(); ++i) {
+      spi[i] = &board.addSpiBus({.number = static_cast<int>(i)});
     }
     vboard::GpioChip& gpio = board.addGpioChip({.lines = 8});
-    for (int i = 0; i < 4; ++i) {
+    for (size_t i = 0; i < 4; ++i) {
       auto& adc = board.add<vboard::Mcp3201>("adc" + std::to_string(i));
-      adc.setInput(i + 0.5);
+      adc.setInput(static_cast<double>(i) + 0.5);
       board.attach(adc, *spi[i / 2]);
-      board.connect(adc.pin("CS"), gpio.line(i));
+      board.connect(adc.pin("CS"), gpio.line(static_cast<int>(i)));
     }
     kernel = std::make_unique<vboard::Kernel>(board);
   }

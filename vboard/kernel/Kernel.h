@@ -29,7 +29,7 @@ enum class Call : uint8_t {
   Close,
   Read,
   Write,
-  WriteMode,     ///< SPI_IOC_WR_MODE, SPI_IOC_WR_MODE32
+  WriteMode,  ///< SPI_IOC_WR_MODE, SPI_IOC_WR_MODE32
   ReadMode,
   WriteLsbFirst,
   ReadLsbFirst,
@@ -37,8 +37,8 @@ enum class Call : uint8_t {
   ReadBits,
   WriteSpeed,
   ReadSpeed,
-  Message,       ///< SPI_IOC_MESSAGE
-  GpioRequest,   ///< either line request, both interface versions
+  Message,      ///< SPI_IOC_MESSAGE
+  GpioRequest,  ///< either line request, both interface versions
   GpioSet,
   GpioGet,
 };

@@ -227,7 +227,8 @@ TEST_F(Mcp3201Test, AFrameCutBeforeTheLastBitIsAViolationAndLosesTheConversion) 
   adc.setInput(voltsOf(0xFFF));
   frame(1);
   EXPECT_THAT(rulesOf(board), ElementsAre("adc short-frame"));
-  EXPECT_EQ(board.violations().at(0).details, "CS rose after 8 clocks: 15 are needed to read 12 bits");
+  EXPECT_EQ(board.violations().at(0).details,
+            "CS rose after 8 clocks: 15 are needed to read 12 bits");
   EXPECT_THAT(frame(2), ElementsAre(0x1FU, 0xFFU));  // starts afresh
 }
 

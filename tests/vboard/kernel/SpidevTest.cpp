@@ -76,6 +76,16 @@ TEST_F(Spidev, AReturnedDeviceAnswersNewDescriptorsOnly) {
   close(fresh);
 }
 
+TEST_F(Spidev, ClosingADescriptorOfBeforeARemovalIsNoLastCloseOfTheReturnedDevice) {
+  bench_.kernel.removeNode("/dev/spidev1.0");
+  bench_.kernel.restoreNode("/dev/spidev1.0");
+  const int fresh = open("/dev/spidev1.0", O_RDWR);
+  set<uint32_t>(fresh, SPI_IOC_WR_MAX_SPEED_HZ, 5000);
+  close(descriptor_);
+  EXPECT_EQ(get<uint32_t>(fresh, SPI_IOC_RD_MAX_SPEED_HZ), 5000U);
+  descriptor_ = fresh;
+}
+
 TEST_F(Spidev, ADeniedNodeIsNotOpened) {
   bench_.kernel.denyNode("/dev/spidev1.0", true);
   EXPECT_EQ(answer(open("/dev/spidev1.0", O_RDWR)), -EACCES);
