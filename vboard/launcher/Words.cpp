@@ -63,7 +63,7 @@ size_t utf8Length(std::string_view text) {
 
 }  // namespace
 
-std::string quoted(std::string_view text) {
+std::string inQuotes(std::string_view text) {
   return "\"" + std::string(text) + "\"";
 }
 
@@ -90,7 +90,7 @@ std::optional<std::string> nearest(std::string_view word, const std::vector<std:
 
 std::string didYouMean(std::string_view word, const std::vector<std::string>& words) {
   const auto meant = nearest(word, words);
-  return meant ? " (did you mean " + quoted(*meant) + "?)" : "";
+  return meant ? " (did you mean " + inQuotes(*meant) + "?)" : "";
 }
 
 std::optional<Time> parseDuration(std::string_view text) {
