@@ -29,7 +29,7 @@ std::vector<Item> inFileOrder(const toml::table& table) {
 
 std::string show(const toml::node& node) {
   if (const auto* text = node.as_string()) {
-    return "the text " + quoted(text->get());
+    return "the text " + inQuotes(text->get());
   }
   if (const auto* number = node.as_integer()) {
     return std::to_string(number->get());
@@ -160,7 +160,7 @@ void Fields::refuseOthers() {
     const std::string key(item.key->str());
     if (!std::binary_search(allowed_.begin(), allowed_.end(), key)) {
       loader_.problem(*item.key, *item.node,
-                      "unknown key " + quoted(key) + " in " + name_ + didYouMean(key, allowed_) +
+                      "unknown key " + inQuotes(key) + " in " + name_ + didYouMean(key, allowed_) +
                           "; allowed: " + joined(allowed_));
     }
   }

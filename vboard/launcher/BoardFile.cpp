@@ -81,7 +81,7 @@ void Loader::applySetting(const std::string& setting) {
   }
   if (owner == nullptr) {
     const std::vector<std::string> names = settableNames();
-    complain("the board has no " + quoted(name) + didYouMean(name, names) +
+    complain("the board has no " + inQuotes(name) + didYouMean(name, names) +
              "; it has: " + joined(names));
     return;
   }
@@ -122,7 +122,7 @@ void Loader::sortTopLevel() {
     const bool list = key == "faults";
     if (!spi && !gpio && std::find(kNames.begin(), kNames.end(), key) == kNames.end()) {
       problem(*item.key, *item.node,
-              "unknown key " + quoted(key) + didYouMean(key, kNames) +
+              "unknown key " + inQuotes(key) + didYouMean(key, kNames) +
                   "; a board file has: board, chips, faults, gpiochip0, gpiochip1 …, pulls, spi0, "
                   "spi1 …, wires");
     } else if (list ? !item.node->is_array_of_tables() : !item.node->is_table()) {
@@ -214,7 +214,7 @@ std::map<int, std::string> Loader::readLines(Fields& fields, std::string_view ke
     const auto* text = item.node->as_string();
     if (!line || *line >= lines) {
       problem(*item.key, *item.node,
-              quoted(item.key->str()) + " is no line; the lines of this chip are 0 to " +
+              inQuotes(item.key->str()) + " is no line; the lines of this chip are 0 to " +
                   std::to_string(lines - 1));
     } else if (text == nullptr || text->get().empty() || text->get().size() > 31) {
       problem(item.node->source(), "the name at line " + std::to_string(*line) + " can't be " +
@@ -231,14 +231,14 @@ void Loader::readChip(const Item& item) {
   const toml::table* table = item.node->as_table();
   if (table == nullptr) {
     problem(*item.key, *item.node,
-            quoted(name) + " can't be " + show(*item.node) + "; a chip is a table: [chips." + name +
-                "]");
+            inQuotes(name) + " can't be " + show(*item.node) + "; a chip is a table: [chips." +
+                name + "]");
     return;
   }
   if (!isPartName(name) || name == "high" || name == "low" || numberAfter("gpiochip", name) ||
       numberAfter("spi", name) || name == "board") {
     problem(*item.key, *item.node,
-            quoted(name) +
+            inQuotes(name) +
                 " can't name a chip; a name has letters, digits, - and _, starts with "
                 "a letter, and isn't board, high, low, spiN or gpiochipN");
     return;
@@ -249,13 +249,13 @@ void Loader::readChip(const Item& item) {
   if (type == nullptr) {
     const std::string allowed = "; types: " + joined(types);
     typeNode == nullptr
-        ? problem(*item.key, *item.node, "chip " + quoted(name) + " has no type" + allowed)
+        ? problem(*item.key, *item.node, "chip " + inQuotes(name) + " has no type" + allowed)
         : problem(typeNode->source(), "type can't be " + show(*typeNode) + allowed);
     return;
   }
   std::unique_ptr<Part> part = makePart(type->get(), name);
   if (part == nullptr) {
-    problem(typeNode->source(), "there is no chip of type " + quoted(type->get()) +
+    problem(typeNode->source(), "there is no chip of type " + inQuotes(type->get()) +
                                     didYouMean(type->get(), types) + "; types: " + joined(types));
     return;
   }
@@ -303,7 +303,7 @@ void Loader::readProperty(Part& part, const Item& item) {
   std::sort(names.begin(), names.end());
   if (property == nullptr) {
     problem(*item.key, *item.node,
-            "unknown key " + quoted(key) + " in [chips." + part.name() + "]" +
+            "unknown key " + inQuotes(key) + " in [chips." + part.name() + "]" +
                 didYouMean(key, names) + "; " + part.type() + " has: " + joined(names));
     return;
   }

@@ -91,7 +91,7 @@ void Loader::readWires() {
       continue;
     }
     if (lineNames_.find(name) != lineNames_.end() || name == "high" || name == "low") {
-      problem(*item.key, *item.node, quoted(name) + " is already the name of a line or level");
+      problem(*item.key, *item.node, inQuotes(name) + " is already the name of a line or level");
       continue;
     }
     Pin* first = nullptr;
@@ -123,7 +123,7 @@ void Loader::wireChip(Part& part, const Item& item) {
     if (pin == nullptr) {
       const auto names = pinNames(part);
       problem(*entry.key, *entry.node,
-              part.name() + " has no pin " + quoted(name) + didYouMean(name, names) + "; " +
+              part.name() + " has no pin " + inQuotes(name) + didYouMean(name, names) + "; " +
                   part.type() + " has: " + joined(names));
       continue;
     }
@@ -133,7 +133,7 @@ void Loader::wireChip(Part& part, const Item& item) {
   if (chip != nullptr && table.get("spi") == nullptr && chip->clockPin().net() == nullptr &&
       (pins == nullptr || pins->get(chip->clockPin().name()) == nullptr)) {
     problem(*item.key, *item.node,
-            "the clock of " + quoted(part.name()) +
+            "the clock of " + inQuotes(part.name()) +
                 " is wired to nothing; write spi = \"spi1\", or "
                 "wire " +
                 chip->clockPin().name() + " under pins");
@@ -282,7 +282,7 @@ Pin* Loader::resolve(const toml::source_region& where, const std::string& text) 
   const auto lines = lineNames_.equal_range(text);
   if (lines.first != lines.second) {
     if (std::next(lines.first) != lines.second) {
-      problem(where, "several lines are named " + quoted(text) + "; write gpiochipN:LINE");
+      problem(where, "several lines are named " + inQuotes(text) + "; write gpiochipN:LINE");
       return nullptr;
     }
     return lines.first->second;
@@ -309,7 +309,7 @@ Pin* Loader::resolveWord(const toml::source_region& where, const std::string& wo
   for (const auto& [name, pin] : wires_) {
     names.push_back(name);
   }
-  problem(where, "there is no line or wire " + quoted(word) + didYouMean(word, names) + "; " +
+  problem(where, "there is no line or wire " + inQuotes(word) + didYouMean(word, names) + "; " +
                      (names.empty() ? "" : "named are: " + joined(names) + "; ") + kPinForms);
   return nullptr;
 }
@@ -319,12 +319,12 @@ Pin* Loader::resolveLine(const toml::source_region& where, const std::string& te
   const std::string chipName = text.substr(0, colon);
   const auto line = numberAfter("", text.substr(colon + 1));
   if (!numberAfter("gpiochip", chipName)) {
-    problem(where, quoted(text) + " is no pin; " + kPinForms);
+    problem(where, inQuotes(text) + " is no pin; " + kPinForms);
     return nullptr;
   }
   auto* chip = dynamic_cast<GpioChip*>(findPart(where, chipName));
   if (chip != nullptr && (!line || *line >= chip->lineCount())) {
-    problem(where, quoted(text.substr(colon + 1)) + " is no line of " + chipName +
+    problem(where, inQuotes(text.substr(colon + 1)) + " is no line of " + chipName +
                        "; its lines are 0 to " + std::to_string(chip->lineCount() - 1));
     return nullptr;
   }
@@ -335,15 +335,15 @@ Pin* Loader::resolvePartPin(const toml::source_region& where, const std::string&
   const size_t dot = text.find('.');
   const std::string pinName = text.substr(dot + 1);
   if (numberAfter("gpiochip", text.substr(0, dot))) {
-    problem(where, quoted(text) + " is no pin; a line is written " +
-                       quoted(text.substr(0, dot) + ":" + pinName));
+    problem(where, inQuotes(text) + " is no pin; a line is written " +
+                       inQuotes(text.substr(0, dot) + ":" + pinName));
     return nullptr;
   }
   Part* part = findPart(where, text.substr(0, dot));
   Pin* pin = part != nullptr ? part->findPin(pinName) : nullptr;
   if (part != nullptr && pin == nullptr) {
     const auto names = pinNames(*part);
-    problem(where, part->name() + " has no pin " + quoted(pinName) + didYouMean(pinName, names) +
+    problem(where, part->name() + " has no pin " + inQuotes(pinName) + didYouMean(pinName, names) +
                        "; " + part->type() + " has: " + joined(names));
   }
   return pin;
@@ -370,7 +370,7 @@ Part* Loader::findPart(const toml::source_region& where, const std::string& name
     for (const auto& candidate : result_.board->parts()) {
       names.push_back(candidate->name());
     }
-    problem(where, "the board has no " + quoted(name) + didYouMean(name, names) +
+    problem(where, "the board has no " + inQuotes(name) + didYouMean(name, names) +
                        "; it has: " + joined(names));
   }
   return part;
@@ -388,7 +388,7 @@ SpiBus* Loader::findSpiBus(const toml::node& node) {
   }
   if (!(numberAfter("spi", name) && declared(name))) {
     problem(node.source(),
-            "there is no SPI bus " + (text != nullptr ? quoted(name) : "like " + show(node)) +
+            "there is no SPI bus " + (text != nullptr ? inQuotes(name) : "like " + show(node)) +
                 didYouMean(name, names) + "; " +
                 (names.empty() ? "a bus is a table: [spi1]" : "buses: " + joined(names)));
   }

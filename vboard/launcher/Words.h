@@ -12,7 +12,7 @@
 namespace vboard::launcher {
 
 /// The text in double quotes.
-std::string quoted(std::string_view text);
+std::string inQuotes(std::string_view text);
 
 /// "a, b, c".
 std::string joined(const std::vector<std::string>& words);
