@@ -28,7 +28,7 @@ TEST(Clock, NeverGoesBack) {
 
 TEST(Clock, EventsRunInOrderEachAtItsOwnTime) {
   Clock clock;
-  std::vector<long> seen;
+  std::vector<int64_t> seen;
   for (const long moment : {30, 10, 20}) {
     clock.at(Time(moment), [&] { seen.push_back(clock.now().count()); });
   }
@@ -50,7 +50,7 @@ TEST(Clock, EventsOfOneMomentRunInTheOrderTheyWereMade) {
 
 TEST(Clock, AnEventMayScheduleAnotherThatFallsDueInTheSameAdvance) {
   Clock clock;
-  std::vector<long> ticks;
+  std::vector<int64_t> ticks;
   std::function<void()> tick = [&] {
     ticks.push_back(clock.now().count());
     clock.after(Time(10), tick);
