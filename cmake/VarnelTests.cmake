@@ -5,6 +5,9 @@
 # most of its cases. Labels:
 #   native       starts a second program, so it can't run under emulation
 #   concurrency  runs under the thread sanitizer
+# Everything that runs under the thread sanitizer.
+add_custom_target(concurrency_tests)
+
 function(varnel_test target)
   cmake_parse_arguments(arg "" "" "SOURCES;LIBS;LABELS" ${ARGN})
   if(CMAKE_CROSSCOMPILING AND "native" IN_LIST arg_LABELS)
@@ -13,6 +16,9 @@ function(varnel_test target)
   add_executable(${target} ${arg_SOURCES})
   target_compile_features(${target} PRIVATE cxx_std_20)
   target_link_libraries(${target} PRIVATE varnel_options ${arg_LIBS} GTest::gmock_main)
+  if("concurrency" IN_LIST arg_LABELS)
+    add_dependencies(concurrency_tests ${target})
+  endif()
   add_test(NAME ${target} COMMAND ${target})
   set_tests_properties(${target} PROPERTIES LABELS "${arg_LABELS}" TIMEOUT 300)
 endfunction()
