@@ -20,7 +20,6 @@ using Orv::CLinuxIoPin;
 using Orv::CPinMap;
 using Orv::OUTPUT_PIN;
 using Orv::PIN_MODE_HW;
-using vboard::Call;
 using vboard::GpioChip;
 
 /// Three chips of 32, 16 and 8 lines; the last two carry one label.

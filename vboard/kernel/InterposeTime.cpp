@@ -45,7 +45,8 @@ struct Timeval64 {
 };
 
 /// The families of clocks, each with its own offset to the board's clock.
-enum ClockFamily : uint8_t { Realtime, Tai, Monotonic, MonotonicRaw, Boottime, kClockFamilies };
+enum ClockFamily : uint8_t { Realtime, Tai, Monotonic, MonotonicRaw, Boottime };
+constexpr size_t kClockFamilies = Boottime + 1;
 
 /// What to add to the board's clock. Written before virtual time becomes active.
 std::array<std::atomic<int64_t>, kClockFamilies> clockOffsets{};

@@ -94,6 +94,7 @@ Result putUser(void* argument, Value value) {
 
 /// An address as spidev's records hold it.
 void* userPointer(uint64_t address) {
+  // NOLINTNEXTLINE(performance-no-int-to-ptr)
   return reinterpret_cast<void*>(static_cast<uintptr_t>(address));
 }
 

@@ -37,7 +37,7 @@ class SpiController {
   void deselect(int select, uint32_t mode);
 
   /// Runs the transfers of one message of a device.
-  void runMessage(int select, uint32_t mode, const std::vector<SpiJob>& jobs);
+  void runMessage(int select, uint32_t mode, const std::vector<SpiJob>& message);
 
   // Bounce buffers of the message at hand; they never grow.
   std::vector<spi_ioc_transfer> requests;

@@ -102,7 +102,7 @@ class Loader {
   void readChip(const Item& item);
   void readProperty(Part& part, const Item& item);
   void wireChip(Part& part, const Item& item);
-  void attach(Part& part, const toml::node& bus, const toml::table* pins);
+  void attach(Part& part, const toml::node& node, const toml::table* pins);
   void wirePin(Pin& pin, const toml::node& node);
   std::optional<PropertyValue> propertyValue(const toml::node& node, const Property& property);
   void setSignal(const Property& property, const toml::table& table);

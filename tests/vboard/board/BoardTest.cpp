@@ -15,7 +15,6 @@ namespace {
 
 using boardtest::Ear;
 using boardtest::Hand;
-using boardtest::ShiftRegister;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::SizeIs;

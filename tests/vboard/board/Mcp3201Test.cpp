@@ -11,9 +11,7 @@ namespace {
 using boardtest::Hand;
 using boardtest::rulesOf;
 using std::chrono::microseconds;
-using testing::Contains;
 using testing::ElementsAre;
-using testing::HasSubstr;
 using testing::IsEmpty;
 using vboard::Board;
 using vboard::FloatingMiso;

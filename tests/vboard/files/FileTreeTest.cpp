@@ -11,10 +11,8 @@
 
 namespace {
 
-using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
-using testing::Not;
 using vboard::kernel::Entry;
 using vboard::kernel::FileTree;
 using vboard::kernel::Node;

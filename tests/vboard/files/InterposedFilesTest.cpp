@@ -26,7 +26,6 @@ namespace {
 
 using testing::AllOf;
 using testing::Contains;
-using testing::Each;
 using testing::ElementsAre;
 using testing::IsSupersetOf;
 using testing::Not;

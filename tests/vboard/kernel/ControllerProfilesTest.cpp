@@ -22,7 +22,8 @@ struct Answers {
   bool loop;
 };
 
-void PrintTo(const Answers& answers, std::ostream* out) {
+/// The test framework's own name for it.
+void PrintTo(const Answers& answers, std::ostream* out) {  // NOLINT(readability-identifier-naming)
   *out << answers.profile;
 }
 

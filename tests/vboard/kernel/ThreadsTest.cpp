@@ -9,7 +9,6 @@
 
 #include "tests/vboard/kernel/SpiBench.h"
 
-using bench::answer;
 using bench::message;
 using bench::SpiBench;
 using bench::transferOf;
