@@ -5,6 +5,7 @@
 # most of its cases. Labels:
 #   native       starts a second program, so it can't run under emulation
 #   concurrency  runs under the thread sanitizer
+# and "cases" by itself: a program of the test framework
 # Everything that runs under the thread sanitizer.
 add_custom_target(concurrency_tests)
 
@@ -29,5 +30,5 @@ function(varnel_test target)
     add_dependencies(concurrency_tests ${target})
   endif()
   add_test(NAME ${target} COMMAND ${target})
-  set_tests_properties(${target} PROPERTIES LABELS "${arg_LABELS}" TIMEOUT 300)
+  set_tests_properties(${target} PROPERTIES LABELS "cases;${arg_LABELS}" TIMEOUT 300)
 endfunction()

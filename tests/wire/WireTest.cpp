@@ -7,6 +7,7 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
 #include <cstdio>
 #include <stdexcept>
@@ -55,7 +56,8 @@ TEST(Wire, OtherFilesAndTimesWithoutAWireGoToTheKernel) {
     const int descriptor = ::open("/dev/null", O_RDWR);
     ASSERT_GE(descriptor, 0);
     EXPECT_EQ(::write(descriptor, "x", 1), 1);
-    EXPECT_EQ(::ioctl(descriptor, _IO('T', 1), nullptr), -1);
+    std::array<char, 256> answer{};
+    EXPECT_EQ(::ioctl(descriptor, _IO('T', 1), answer.data()), -1);
     EXPECT_EQ(errno, ENOTTY);
     EXPECT_EQ(::close(descriptor), 0);
     EXPECT_EQ(::close(descriptor), -1);
