@@ -306,7 +306,7 @@ void Mcp3201::addProperties() {
       [this] { return input_.evaluate(now()); }, [this](double value) { setInput(value); })
       .setSignal = [this](const Signal& volts) { setInput(volts); };
   knob(
-      "inMinus", "V", "IN- against VSS, within 0.1 of it, 0 unless set", -kSupplyMax, kSupplyMax,
+      "in_minus", "V", "IN- against VSS, within 0.1 of it, 0 unless set", -kSupplyMax, kSupplyMax,
       [this] { return inputMinus_.evaluate(now()); },
       [this](double value) { setInputMinus(value); })
       .setSignal = [this](const Signal& volts) { setInputMinus(volts); };
@@ -317,13 +317,13 @@ void Mcp3201::addProperties() {
   knob(
       "gain", "LSB", "gain error at full scale, 5 at most in the data sheet, 0 unless set", -kCodes,
       kCodes, [this] { return gainError_; }, [this](double value) { setGainError(value); });
-  addProperty({"lastCode",
+  addProperty({"last_code",
                "",
                "code of the last conversion",
                [this]() -> PropertyValue { return static_cast<int64_t>(lastCode()); },
                {},
                true});
-  addProperty({"lastVoltage",
+  addProperty({"last_voltage",
                "V",
                "voltage between the inputs at the last conversion",
                [this]() -> PropertyValue { return lastVoltage(); },

@@ -443,7 +443,7 @@ TEST_F(Mcp3201Test, PropertiesTurnTheSameKnobs) {
   EXPECT_EQ(propertyOf(adc, "vref").set(PropertyValue(2.5)), std::nullopt);
   EXPECT_EQ(propertyOf(adc, "vdd").set(PropertyValue(int64_t{3})), std::nullopt);
   EXPECT_EQ(propertyOf(adc, "in").set(PropertyValue(1.25)), std::nullopt);
-  EXPECT_EQ(propertyOf(adc, "inMinus").set(PropertyValue(0.0)), std::nullopt);
+  EXPECT_EQ(propertyOf(adc, "in_minus").set(PropertyValue(0.0)), std::nullopt);
   EXPECT_EQ(propertyOf(adc, "offset").set(PropertyValue(1.0)), std::nullopt);
   EXPECT_EQ(propertyOf(adc, "gain").set(PropertyValue(0.0)), std::nullopt);
   EXPECT_EQ(adc.codeNow(), 2049);
@@ -451,11 +451,11 @@ TEST_F(Mcp3201Test, PropertiesTurnTheSameKnobs) {
   EXPECT_EQ(propertyOf(adc, "in").get(), PropertyValue(1.25));
   format.speedHz = 800000;
   frame(2);
-  EXPECT_EQ(propertyOf(adc, "lastCode").get(), PropertyValue(int64_t{2049}));
-  EXPECT_EQ(propertyOf(adc, "lastVoltage").get(), PropertyValue(1.25));
+  EXPECT_EQ(propertyOf(adc, "last_code").get(), PropertyValue(int64_t{2049}));
+  EXPECT_EQ(propertyOf(adc, "last_voltage").get(), PropertyValue(1.25));
   EXPECT_EQ(propertyOf(adc, "conversions").get(), PropertyValue(int64_t{1}));
   EXPECT_TRUE(propertyOf(adc, "conversions").reported);
-  EXPECT_FALSE(propertyOf(adc, "lastCode").set);
+  EXPECT_FALSE(propertyOf(adc, "last_code").set);
 }
 
 TEST_F(Mcp3201Test, PropertiesSayWhatIsAllowed) {
