@@ -2,6 +2,7 @@
 #ifndef VBOARD_BOARD_CLOCK_H
 #define VBOARD_BOARD_CLOCK_H
 
+#include <algorithm>
 #include <chrono>
 #include <cstdint>
 #include <functional>
@@ -25,7 +26,13 @@ class Clock {
   Time nextEvent() const { return nextEvent_; }
 
   /// Moves on, running the events that fall due on the way in order, each at its own time.
-  void advance(Time duration) { advanceTo(now_ + duration); }
+  void advance(Time duration) {
+    const Time moment = now_ + duration;
+    if (moment >= nextEvent_) [[unlikely]] {
+      runEventsUntil(moment);
+    }
+    now_ = std::max(now_, moment);
+  }
   /// The same, to a moment; a moment in the past does nothing.
   void advanceTo(Time moment) {
     if (moment >= nextEvent_) {

@@ -27,9 +27,10 @@ constexpr nanoseconds kSelectSetup(100);  // tSUCS: CS fall to first clock rise
 constexpr nanoseconds kSelectHigh(625);   // tCSH
 constexpr microseconds kHoldTime(1200);   // until the sampling capacitor has lost too much
 constexpr uint32_t kSampleFall = 2;
-constexpr uint32_t kLastBitFall = 14;  // B0 appears on DOUT
-constexpr uint32_t kLastBitRise = 15;  // and is sampled here
-constexpr uint32_t kFrameRises = 26;   // the LSB-first copy is out
+constexpr uint32_t kLastBitFall = 14;     // B0 appears on DOUT
+constexpr uint32_t kLastBitRise = 15;     // and is sampled here
+constexpr uint32_t kFrameRises = 26;      // the LSB-first copy is out
+constexpr uint32_t kLastChangeRise = 40;  // by then DOUT is low for good
 
 std::string volts(double value) {
   char text[32];
@@ -224,6 +225,8 @@ void Mcp3201::clockRose() {
   } else if (rises_ == kFrameRises + 1) {
     violate("no-deselect",
             "clock 27 with CS still low: zeros follow, and no conversion until CS has been high");
+  } else if (rises_ > kLastChangeRise) {
+    clk_.setAttentive(false);  // zeros until CS has been high, whatever the clock does
   }
 }
 
