@@ -35,6 +35,8 @@ struct Suite {
 /// Counts the system calls on the board's nodes, and the heap allocations, of one call.
 Operation count(std::string name, vboard::Board& board, const std::function<void()>& call);
 
+void addHc595(Suite& suite);
+void addLv165a(Suite& suite);
 void addMcp3201(Suite& suite);
 void addVboard(Suite& suite);
 

@@ -82,6 +82,8 @@ int main(int argc, char** argv) {
   }
   bench::Suite suite;
   bench::addMcp3201(suite);
+  bench::addHc595(suite);
+  bench::addLv165a(suite);
   bench::addVboard(suite);
 
   int failures = 0;

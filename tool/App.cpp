@@ -78,6 +78,24 @@ CLI::Option* addNumber(CLI::App& command, const std::string& name, Number& targe
       ->default_str(std::to_string(target));
 }
 
+/// Decimal, 0x and hexadecimal digits, or 0b and binary digits.
+std::optional<uint64_t> parseWhole(std::string_view text) {
+  int base = 10;
+  if (text.starts_with("0x") || text.starts_with("0X")) {
+    base = 16;
+  } else if (text.starts_with("0b") || text.starts_with("0B")) {
+    base = 2;
+  }
+  text.remove_prefix(base == 10 ? 0 : 2);
+  uint64_t number = 0;
+  const char* const end = text.data() + text.size();
+  const auto result = std::from_chars(text.data(), end, number, base);
+  if (result.ec != std::errc() || result.ptr != end) {
+    return std::nullopt;
+  }
+  return number;
+}
+
 /// The subcommand that the command line got to.
 const CLI::App& deepest(const CLI::App& root) {
   const CLI::App* app = &root;
@@ -120,6 +138,7 @@ App::App() : cli_("Bring-up tool for SPI chips: talks to one chip on a spidev no
       "Examples:\n"
       "  varnel mcp3201 read --spi /dev/spidev1.0 --cs 25 --cs-active-low --vref 3.3\n"
       "  varnel --spi /dev/spidev0.0 --cs gpiochip1:16 --cs-active-low mcp3201 read --count 10\n"
+      "  varnel hc595 write 0xa5 --latch 22\n"
       "  varnel mcp3201 --help");
   addGlobalOptions();
 }
@@ -131,14 +150,7 @@ void App::addGlobalOptions() {
   addNumber(cli_, "--speed", options_.speedKHz, 1, std::numeric_limits<uint16_t>::max(),
             "a speed in kHz", "bus clock in kHz, 1 to 65535; the chip's own limit holds as well")
       ->type_name("KHZ");
-  CLI::Option* const select =
-      addPinOption(cli_, "--cs", options_.selectPin,
-                   "GPIO line that selects the chip: a number counted through all\n"
-                   "GPIO chips, a line name, or CHIP:LINE such as gpiochip1:15\n"
-                   "(default: none, the node's own chip select)");
-  cli_.add_flag("--cs-active-low", options_.selectActiveLow,
-                "a low line selects, as most chips want it (default: a high one)")
-      ->needs(select);
+  addSelectOptions();
   cli_.add_option_function<std::string>(
           "--log",
           [this](const std::string& text) {
@@ -158,11 +170,43 @@ void App::addGlobalOptions() {
       ->default_str("text");
 }
 
+void App::addSelectOptions() {
+  CLI::Option* const select =
+      addPinOption(cli_, "--cs", options_.selectPin,
+                   "GPIO line that selects the chip: a number counted through all\n"
+                   "GPIO chips, a line name, or CHIP:LINE such as gpiochip1:15\n"
+                   "(default: none, the node's own chip select)");
+  cli_.add_flag("--cs-active-low", options_.selectActiveLow,
+                "a low line selects, as most chips want it (default: a high one)")
+      ->needs(select);
+  const auto parse = [this](const std::string& text) {
+    try {
+      options_.expander = parseExpander(text);
+    } catch (const std::invalid_argument& error) {
+      throw CLI::ValidationError("--expander", error.what());
+    }
+  };
+  CLI::Option* const expander =
+      cli_.add_option_function<std::string>(
+              "--expander", parse,
+              "select through a 74HC595 on the same bus: its latch pin in any form\n"
+              "of --cs, and the address 0 to 254 that selects the chip, as in 22:3;\n"
+              "with :implicit at the end an address is stored and goes out with a\n"
+              "later transfer, not by itself")
+          ->type_name("PIN:ADDRESS")
+          ->excludes(select);
+  addNumber(cli_, "--expander-none", options_.expanderNone, 0, kHighestExpanderAddress,
+            "an address", "address on the expander that selects no chip, 0 to 254")
+      ->type_name("ADDRESS")
+      ->needs(expander);
+}
+
 CLI::App& App::addChip(const ChipInfo& chip) {
   CLI::App* const command = cli_.add_subcommand(std::string(chip.name), std::string(chip.about));
   command->require_subcommand(1);
   command->fallthrough();
   command->footer("");
+  chips_.push_back({command, &chip});
   return *command;
 }
 
@@ -171,7 +215,9 @@ CLI::App& App::addOperation(CLI::App& chip, const std::string& name, const std::
   CLI::App* const command = chip.add_subcommand(name, about);
   command->fallthrough();
   command->footer("Examples:\n" + examples);
-  operations_.push_back({command, std::move(action)});
+  const auto owner = std::find_if(chips_.begin(), chips_.end(),
+                                  [&chip](const Chip& known) { return known.command == &chip; });
+  operations_.push_back({command, owner->info, std::move(action)});
   return *command;
 }
 
@@ -189,19 +235,48 @@ int App::argumentsFailed(const CLI::ParseError& error, std::ostream& out, std::o
   return kBadArguments;
 }
 
-int App::run(int argc, const char* const* argv, std::ostream& out, std::ostream& err) {
-  try {
-    cli_.parse(argc, argv);
-  } catch (const CLI::ParseError& error) {
-    return argumentsFailed(error, out, err);
+void App::checkSelect(const ChipInfo& chip) const {
+  if (options_.selectPin && !chip.usesBus) {
+    throw CLI::ValidationError("--cs", fmt::format("the {} has no select line", chip.title));
   }
-  Orv::Diag::diagLogger().setLogLevel(entryOf(kLogLevels, "--log", options_.logLevel).level);
+  if (!options_.expander) {
+    return;
+  }
+  const bool implicitly = options_.expander->implicitly;
+  if (!(implicitly ? chip.behindExpander.implicitly : chip.behindExpander.explicitly)) {
+    throw CLI::ValidationError(
+        "--expander",
+        fmt::format(
+            "the {} can't be selected {}: {}", chip.title,
+            implicitly && chip.behindExpander.explicitly ? "implicitly" : "through an expander",
+            chip.behindExpander.reason));
+  }
+  if (options_.expander->address == options_.expanderNone) {
+    throw CLI::ValidationError(
+        "--expander", fmt::format("address {} is the one that selects no chip; --expander-none "
+                                  "names another for that",
+                                  options_.expanderNone));
+  }
+}
+
+int App::runOperation(std::ostream& out, std::ostream& err) {
   for (const Operation& operation : operations_) {
     if (operation.command->parsed()) {
+      checkSelect(*operation.chip);
       return operation.action({options_, out, err});
     }
   }
   return kBadArguments;
+}
+
+int App::run(int argc, const char* const* argv, std::ostream& out, std::ostream& err) {
+  try {
+    cli_.parse(argc, argv);
+    Orv::Diag::diagLogger().setLogLevel(entryOf(kLogLevels, "--log", options_.logLevel).level);
+    return runOperation(out, err);
+  } catch (const CLI::ParseError& error) {
+    return argumentsFailed(error, out, err);
+  }
 }
 
 CLI::Option* addPinOption(CLI::App& command, const std::string& name,
@@ -229,6 +304,29 @@ CLI::Option* addPositive(CLI::App& command, const std::string& name, double& tar
   };
   return command.add_option_function<std::string>(name, parse, about)
       ->default_str(fmt::format("{}", target));
+}
+
+CLI::Option* addWhole(CLI::App& command, const std::string& name, unsigned int& target,
+                      unsigned int lowest, unsigned int highest, const std::string& quantity,
+                      const std::string& about) {
+  return addNumber(command, name, target, lowest, highest, quantity, about);
+}
+
+CLI::Option* addValue(CLI::App& command, const std::string& name, uint64_t& target,
+                      const std::string& about) {
+  const auto parse = [&target, name](const std::string& text) {
+    const std::optional<uint64_t> number = parseWhole(text);
+    if (!number) {
+      throw CLI::ValidationError(
+          name, fmt::format("'{}' is not a whole number: decimal, 0x.. or 0b..", text));
+    }
+    target = *number;
+  };
+  return command.add_option_function<std::string>(name, parse, about)->required()->type_name("");
+}
+
+uint64_t highestOf(unsigned int bits) {
+  return std::numeric_limits<uint64_t>::max() >> (64 - bits);
 }
 
 void addRepetition(CLI::App& command, Repetition& repetition) {

@@ -25,8 +25,24 @@ constexpr StepText kSteps[] = {
      "gpioinfo shows whether the line is still there"},
     {Step::Deselect, "can't release the {chip} with GPIO line {pin} ({option})",
      "gpioinfo shows whether the line is still there; the chip may still be selected"},
+    {Step::Latch, "can't write GPIO line {pin}, the latch of the {chip} ({option})",
+     "gpioinfo shows whether the line is still there"},
     {Step::Transfer, "can't transfer with the {chip} on {node}",
      "a lower --speed; dmesg shows what the controller's driver says"},
+    {Step::ExpanderSelectLatch,
+     "can't select the {chip} with GPIO line {pin}, the latch of the expander ({option})",
+     "gpioinfo shows whether the line is still there"},
+    {Step::ExpanderSelectTransfer,
+     "can't select the {chip} with a transfer to the expander ({option}) on {node}",
+     "a lower --speed; dmesg shows what the controller's driver says"},
+    {Step::ExpanderDeselectLatch,
+     "can't deselect the chips with GPIO line {pin}, the latch of the expander ({option})",
+     "gpioinfo shows whether the line is still there; a chip may be selected"},
+    {Step::ExpanderDeselectTransfer,
+     "can't deselect the chips with a transfer to the expander ({option}) on {node}",
+     "a lower --speed; dmesg shows what the controller's driver says; a chip may be selected"},
+    {Step::WriteAddress, "can't write the address to the GPIO lines {pin} ({option})",
+     "gpioinfo shows whether the lines are still there; some may have changed already"},
     {Step::CloseNode, "can't close {node}", "dmesg shows what the controller's driver says"},
 };
 
@@ -34,6 +50,7 @@ struct Hint {
   Step step;
   int errorNumber;
   std::string_view text;
+  bool oddWordsOnly = false;  ///< for chips whose words have other than 8 bits
 };
 
 constexpr Hint kHints[] = {
@@ -57,14 +74,16 @@ constexpr Hint kHints[] = {
      "which)"},
     {Step::Transfer, EINVAL,
      "a controller that takes {bits}-bit words, which this chip needs: the Raspberry Pi's own "
-     "takes 8 bits only, spi-gpio takes any; or another --speed"},
+     "takes 8 bits only, spi-gpio takes any; or another --speed",
+     true},
     {Step::Transfer, ESHUTDOWN, "again when the node is back: the device was removed"},
     {Step::Transfer, ETIMEDOUT, "a higher --speed; dmesg shows what the controller's driver says"},
 };
 
-std::string_view hintFor(Step step, int errorNumber, std::string_view otherwise) {
+std::string_view hintFor(const Failure& failure, std::string_view otherwise) {
   for (const Hint& hint : kHints) {
-    if (hint.step == step && hint.errorNumber == errorNumber) {
+    if (hint.step == failure.step && hint.errorNumber == -failure.code &&
+        (failure.wordBits != 8 || !hint.oddWordsOnly)) {
       return hint.text;
     }
   }
@@ -84,7 +103,7 @@ const StepText& textOf(Step step) {
 
 std::string describe(const Failure& failure) {
   const StepText& text = textOf(failure.step);
-  const std::string_view hint = hintFor(failure.step, -failure.code, text.otherwise);
+  const std::string_view hint = hintFor(failure, text.otherwise);
   const auto fill = [&failure](std::string_view pattern) {
     return fmt::format(fmt::runtime(pattern), fmt::arg("node", failure.node),
                        fmt::arg("pin", failure.pin), fmt::arg("option", failure.option),

@@ -12,13 +12,19 @@ namespace tool {
 
 /// What the tool was doing to the board.
 enum class Step : uint8_t {
-  ConnectPin,  ///< taking a GPIO line
-  OpenNode,    ///< opening the spidev node
-  SetUpNode,   ///< applying mode, word size and speed to the open node
-  Select,      ///< driving the chip select
-  Deselect,    ///< releasing the chip select
-  Transfer,    ///< exchanging data with the chip
-  CloseNode,   ///< closing the node
+  ConnectPin,                ///< taking a GPIO line
+  OpenNode,                  ///< opening the spidev node
+  SetUpNode,                 ///< applying mode, word size and speed to the open node
+  Select,                    ///< driving the chip select
+  Deselect,                  ///< releasing the chip select
+  Latch,                     ///< pulsing the chip's own latch line
+  Transfer,                  ///< exchanging data with the chip
+  ExpanderSelectLatch,       ///< writing the expander's latch line to select the chip
+  ExpanderSelectTransfer,    ///< shifting the chip's address into the expander
+  ExpanderDeselectLatch,     ///< writing the expander's latch line to deselect all chips
+  ExpanderDeselectTransfer,  ///< shifting the none address into the expander
+  WriteAddress,              ///< writing an address to GPIO lines
+  CloseNode,                 ///< closing the node
 };
 
 /// A step that failed, with all that its message names.

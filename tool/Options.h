@@ -6,6 +6,7 @@
 #include <optional>
 #include <string>
 
+#include "tool/ExpanderSpec.h"
 #include "tool/PinSpec.h"
 #include "tool/Records.h"
 
@@ -18,6 +19,9 @@ struct GlobalOptions {
   /// Without it the node's own chip select is all that selects the chip.
   std::optional<PinSpec> selectPin;
   bool selectActiveLow = false;
+  /// Instead of `selectPin`.
+  std::optional<ExpanderSpec> expander;
+  uint8_t expanderNone = 7;
   std::string logLevel = "off";
   Format format = Format::Text;
 };

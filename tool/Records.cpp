@@ -16,6 +16,9 @@ std::string plain(const Value& value, int decimals) {
   if (const auto* integer = std::get_if<int64_t>(&value)) {
     return fmt::format("{}", *integer);
   }
+  if (const auto* whole = std::get_if<uint64_t>(&value)) {
+    return fmt::format("{}", *whole);
+  }
   if (const auto* real = std::get_if<double>(&value)) {
     return fmt::format("{:.{}f}", *real, decimals);
   }
@@ -90,17 +93,23 @@ std::string textLine(std::span<const Column> columns, std::span<const Value> val
 std::string csvHeader(std::span<const Column> columns) {
   std::string line;
   for (const Column& column : columns) {
-    line += line.empty() ? "" : ",";
-    line += column.name;
+    if (column.inData) {
+      line += line.empty() ? "" : ",";
+      line += column.name;
+    }
   }
   return line;
 }
 
 std::string csvLine(std::span<const Column> columns, std::span<const Value> values) {
   std::string line;
+  std::string_view comma;
   for (size_t i = 0; i < columns.size(); ++i) {
-    line += i == 0 ? "" : ",";
-    line += csvField(values[i], columns[i].dataDecimals);
+    if (columns[i].inData) {
+      line += comma;
+      line += csvField(values[i], columns[i].dataDecimals);
+      comma = ",";
+    }
   }
   return line;
 }
@@ -109,7 +118,10 @@ std::string jsonLine(std::string_view chip, std::span<const Column> columns,
                      std::span<const Value> values) {
   std::string line = "{\"chip\":" + jsonString(chip);
   for (size_t i = 0; i < columns.size(); ++i) {
-    line += ',' + jsonString(columns[i].name) + ':' + jsonValue(values[i], columns[i].dataDecimals);
+    const Column& column = columns[i];
+    if (column.inData) {
+      line += ',' + jsonString(column.name) + ':' + jsonValue(values[i], column.dataDecimals);
+    }
   }
   return line + '}';
 }

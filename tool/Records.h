@@ -16,17 +16,18 @@ namespace tool {
 enum class Format : uint8_t { Text, Csv, Json };
 
 /// One value of a record. Text output shows it as "NAME VALUE" or "VALUE UNIT", CSV and JSON under
-/// its name.
+/// its name; a column can be for one of them only.
 struct Column {
   std::string_view name;
   std::string_view unit = {};
   bool inText = true;
+  bool inData = true;
   int textWidth = 0;
   int textDecimals = 0;
   int dataDecimals = 0;
 };
 
-using Value = std::variant<int64_t, double, std::string>;
+using Value = std::variant<int64_t, uint64_t, double, std::string>;
 
 /// Writing a record failed; `errorNumber` is the system's reason, or 0.
 class OutputError : public std::runtime_error {

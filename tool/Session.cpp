@@ -12,19 +12,12 @@ namespace tool {
 namespace {
 
 constexpr std::string_view kSelectOption = "--cs";
+constexpr std::string_view kExpanderOption = "--expander";
 
 }  // namespace
 
 TErrCode SelectPin::enable(bool select) {
-  const TErrCode code = selector_.enable(select);
-  if (code < 0) {
-    failure_ = {select ? Step::Select : Step::Deselect, code};
-  }
-  return code;
-}
-
-std::optional<std::pair<Step, TErrCode>> SelectPin::takeFailure() {
-  return std::exchange(failure_, std::nullopt);
+  return trouble_.note(select ? Step::Select : Step::Deselect, selector_.enable(select));
 }
 
 Session::Session(const GlobalOptions& options, const ChipInfo& chip)
@@ -39,13 +32,27 @@ Session::~Session() {
   }
 }
 
+Session::Line Session::lineOf(Step step) const {
+  switch (step) {
+    case Step::Latch: return latch_.value_or(Line{});
+    case Step::ExpanderSelectLatch:
+    case Step::ExpanderSelectTransfer:
+    case Step::ExpanderDeselectLatch:
+    case Step::ExpanderDeselectTransfer:
+      return {options_.expander ? options_.expander->latch.text : "", std::string(kExpanderOption)};
+    default:
+      return {options_.selectPin ? options_.selectPin->text : "", std::string(kSelectOption)};
+  }
+}
+
 Failure Session::failure(Step step, TErrCode code) const {
   Failure failure;
   failure.step = step;
   failure.code = code;
   failure.node = options_.node;
-  failure.pin = options_.selectPin ? options_.selectPin->text : "";
-  failure.option = kSelectOption;
+  Line line = lineOf(step);
+  failure.pin = std::move(line.pin);
+  failure.option = std::move(line.option);
   failure.chip = chip_.title;
   failure.wordBits = chip_.wordBits;
   return failure;
@@ -69,26 +76,51 @@ unsigned int Session::pinNumber(const PinSpec& spec) {
 Orv::CLinuxIoPin Session::connectPin(const PinSpec& spec, std::string_view option,
                                      Orv::ePinDirection direction, Orv::ePinMode mode) {
   Orv::CLinuxIoPin pin(pinNumber(spec), direction, mode);
-  if (const TErrCode code = pin.connect(); code < 0) {
-    Failure failed = failure(Step::ConnectPin, code);
-    failed.pin = spec.text;
-    failed.option = option;
-    throw DeviceError(std::move(failed));
-  }
+  checkLine(Step::ConnectPin, pin.connect(), spec.text, option);
   return pin;
 }
 
+Orv::CLinuxIoPin Session::connectLatch(const PinSpec& spec, std::string_view option,
+                                       Orv::ePinMode mode) {
+  latch_ = {spec.text, std::string(option)};
+  return connectPin(spec, option, Orv::OUTPUT_PIN, mode);
+}
+
+void Session::checkLine(Step step, TErrCode code, std::string_view pin,
+                        std::string_view option) const {
+  if (code < 0) {
+    Failure failed = failure(step, code);
+    failed.pin = pin;
+    failed.option = option;
+    throw DeviceError(std::move(failed));
+  }
+}
+
 void Session::open() {
+  if (!chip_.usesBus) {
+    return;
+  }
   // Before the bus, so that nothing the node does when it is opened reaches a selected chip.
   if (options_.selectPin) {
     const Orv::ePinMode mode = options_.selectActiveLow ? Orv::PIN_MODE_INVERT : Orv::PIN_MODE_HW;
     select_ = std::make_unique<SelectPin>(
-        connectPin(*options_.selectPin, kSelectOption, Orv::OUTPUT_PIN, mode));
+        connectPin(*options_.selectPin, kSelectOption, Orv::OUTPUT_PIN, mode), trouble_);
+  }
+  std::optional<Orv::CLinuxIoPin> expanderLatch;
+  if (options_.expander) {
+    expanderLatch =
+        connectPin(options_.expander->latch, kExpanderOption, Orv::OUTPUT_PIN, Orv::PIN_MODE_HW);
   }
   bus_.setSPIDevice(options_.node);
   bus_.setSpiSpeedKHz(options_.speedKHz);
   if (const TErrCode code = bus_.open(); code < 0) {
     throw DeviceError(failure(bus_.isOpen() ? Step::SetUpNode : Step::OpenNode, code));
+  }
+  if (expanderLatch) {
+    expander_ = std::make_unique<Expander>(*options_.expander, options_.expanderNone,
+                                           *expanderLatch, bus_, trouble_);
+    // At power-up the outputs hold anything.
+    check(expander_->deselectAll());
   }
 }
 
@@ -98,16 +130,33 @@ void Session::bind(Varnel::CLinuxSpiDevice& device) {
     throw std::logic_error("the bus is not open");
   }
   device.setBus(&bus_);
-  device.setChipSelector(select_.get());
+  if (expander_) {
+    expander_->attach(device);
+  } else {
+    device.setChipSelector(select_.get());
+  }
 }
 
-void Session::check(TErrCode code) {
-  if (code >= 0) {
-    return;
+int32_t Session::run(Varnel::CLinuxSpiDevice& device, const std::function<int32_t()>& operation) {
+  if (!expander_ || !expander_->implicitly()) {
+    return check(operation());
   }
-  const auto selecting = select_ ? select_->takeFailure() : std::nullopt;
-  throw DeviceError(selecting ? failure(selecting->first, selecting->second)
-                              : failure(Step::Transfer, code));
+  // An implicit selection only stores the address; the drivers don't know of the latch.
+  check(device.enableChipSelect(true));
+  check(expander_->latchStored(true));
+  const int32_t result = check(operation());
+  check(expander_->latchStored(false));
+  return result;
+}
+
+int32_t Session::check(int32_t code) {
+  const auto noted = trouble_.take();
+  if (code >= 0) {
+    return code;
+  }
+  // Transfers and selects are noted: what else can fail in a driver is the chip's latch line.
+  const Step otherwise = latch_ ? Step::Latch : Step::Transfer;
+  throw DeviceError(failure(noted ? noted->first : otherwise, code));
 }
 
 std::vector<Failure> Session::close() {
@@ -115,15 +164,24 @@ std::vector<Failure> Session::close() {
     return {};
   }
   // Everything is released first, then talked about. A failed transfer left the chip selected.
-  const TErrCode deselected = select_ ? select_->enable(false) : 0;
+  trouble_.take();
+  if (select_) {
+    select_->enable(false);
+  }
+  // A transfer on a closed bus would work on descriptor 0.
+  if (expander_ && bus_.isOpen()) {
+    expander_->deselectAll();
+  }
+  const auto deselecting = trouble_.take();
   const TErrCode closed = bus_.isOpen() ? bus_.close() : 0;
   select_.reset();
+  expander_.reset();
   if (mappedPins_ > 0) {
     Orv::CPinMap::uninstall();
   }
   std::vector<Failure> failures;
-  if (deselected < 0) {
-    failures.push_back(failure(Step::Deselect, deselected));
+  if (deselecting) {
+    failures.push_back(failure(deselecting->first, deselecting->second));
   }
   if (closed < 0) {
     failures.push_back(failure(Step::CloseNode, closed));

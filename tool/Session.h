@@ -12,13 +12,22 @@
 
 #include "orv/LinuxIoPin.h"
 #include "orv/PinMap.h"
+#include "tool/Expander.h"
 #include "tool/Failure.h"
 #include "tool/Interrupt.h"
 #include "tool/Options.h"
+#include "tool/Trouble.h"
 #include "varnel/common/LinuxSpiBus.h"
 #include "varnel/common/LinuxSpiDevice.h"
 
 namespace tool {
+
+/// How a chip can be selected through an expander.
+struct BehindExpander {
+  bool explicitly = false;
+  bool implicitly = false;
+  std::string_view reason = {};  ///< why not
+};
 
 /// What the tool has to know of a chip to talk about it.
 struct ChipInfo {
@@ -27,19 +36,19 @@ struct ChipInfo {
   std::string_view about;  ///< one line for the help
   int wordBits = 8;        ///< of its transfers
   bool selectActiveLow = true;
+  bool usesBus = true;  ///< false: GPIO lines are all it has, the node stays closed
+  BehindExpander behindExpander = {};
 };
 
-/// A chip select pin that remembers its own failures, so that they can be told from the bus's.
+/// A chip select pin whose failures are noted.
 class SelectPin : public Varnel::ILinuxSpiChipSelector {
  public:
-  explicit SelectPin(const Orv::CLinuxIoPin& pin) : selector_(pin) {}
+  SelectPin(const Orv::CLinuxIoPin& pin, Trouble& trouble) : selector_(pin), trouble_(trouble) {}
   TErrCode enable(bool select) override;
-  /// The step that failed last, with its code; reading it forgets it.
-  std::optional<std::pair<Step, TErrCode>> takeFailure();
 
  private:
   Varnel::CGpioPinChipSelector selector_;
-  std::optional<std::pair<Step, TErrCode>> failure_;
+  Trouble& trouble_;
 };
 
 /// One visit to a chip: pins taken, bus opened as the options say, and all of it released on every
@@ -51,16 +60,28 @@ class Session {
   Session(const Session&) = delete;
   Session& operator=(const Session&) = delete;
 
-  /// Takes the select line, deselected, then sets the speed and opens the bus. Throws DeviceError.
+  /// Takes the select line, deselected, or the expander's latch line, then sets the speed and opens
+  /// the bus, and lets the expander deselect all chips. Throws DeviceError.
   void open();
   /// Gives an open session's bus and selector to a driver. The driver may be used until `close`,
-  /// and no more after a failure.
+  /// and no more after a failure. Behind an expander one driver can be bound.
   void bind(Varnel::CLinuxSpiDevice& device);
   /// Takes another line for the chip; `option` is what the user called it. Throws DeviceError.
   Orv::CLinuxIoPin connectPin(const PinSpec& spec, std::string_view option,
                               Orv::ePinDirection direction, Orv::ePinMode mode);
-  /// Passes the result of a driver's operation, or throws DeviceError for a negative one.
-  void check(TErrCode code);
+  /// Takes the chip's own latch line, an output: what fails in an operation outside the bus and
+  /// the select is put down to it.
+  Orv::CLinuxIoPin connectLatch(const PinSpec& spec, std::string_view option, Orv::ePinMode mode);
+  /// The pin number under which the library finds the pin; for drivers that connect it themselves.
+  unsigned int pinNumber(const PinSpec& spec);
+  /// Passes the result of a step on other lines, or throws DeviceError for a negative one.
+  void checkLine(Step step, TErrCode code, std::string_view pin, std::string_view option) const;
+  /// Runs an operation of a bound driver, which an implicit expander needs help around. Returns its
+  /// result, or throws DeviceError for a negative one.
+  int32_t run(Varnel::CLinuxSpiDevice& device, const std::function<int32_t()>& operation);
+
+  /// Where a `Watched` driver notes its transfers.
+  Trouble& trouble() { return trouble_; }
 
   /// Signals are held back as long as the session lives.
   const Interrupt& interrupt() const { return interrupt_; }
@@ -70,14 +91,23 @@ class Session {
   std::vector<Failure> close();
 
  private:
-  unsigned int pinNumber(const PinSpec& spec);
+  struct Line {
+    std::string pin;
+    std::string option;
+  };
+
+  int32_t check(int32_t code);
+  Line lineOf(Step step) const;
   Failure failure(Step step, TErrCode code) const;
 
   Interrupt interrupt_;
   const GlobalOptions& options_;
   const ChipInfo& chip_;
   Varnel::CLinuxSpiBus bus_;
+  Trouble trouble_;
   std::unique_ptr<SelectPin> select_;
+  std::unique_ptr<Expander> expander_;
+  std::optional<Line> latch_;
   Orv::CPinMap pinMap_{Orv::UNMAPPED_DEFAULT_NUMBER};
   unsigned int mappedPins_ = 0;
   bool closed_ = false;

@@ -9,6 +9,9 @@
 #include "vboard/board/TriStateBuffer.h"  // IWYU pragma: export
 #include "vboard/board/WireLog.h"         // IWYU pragma: export
 #include "vboard/chips/Catalog.h"         // IWYU pragma: export
+#include "vboard/chips/Decoder3to8.h"     // IWYU pragma: export
+#include "vboard/chips/Hc595.h"           // IWYU pragma: export
+#include "vboard/chips/Lv165a.h"          // IWYU pragma: export
 #include "vboard/chips/Mcp3201.h"         // IWYU pragma: export
 #include "vboard/kernel/Kernel.h"         // IWYU pragma: export
 

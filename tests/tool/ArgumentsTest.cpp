@@ -15,6 +15,15 @@ using testing::IsEmpty;
 
 namespace {
 
+/// Every help page.
+const std::string kPages[] = {
+    "--help",         "-h",
+    "mcp3201 --help", "mcp3201 read --help",
+    "hc595 --help",   "hc595 write --help",
+    "lv165a --help",  "lv165a read --help",
+    "address --help", "address write --help",
+};
+
 struct BadLine {
   const char* line;
   const char* message;
@@ -33,11 +42,14 @@ TEST_P(BadArguments, EndWithStatusTwoAndOneClearText) {
 INSTANTIATE_TEST_SUITE_P(
     Tool, BadArguments,
     testing::Values(
-        BadLine{"", "varnel: a subcommand is missing: mcp3201\n  try: varnel --help\n"},
+        BadLine{"",
+                "varnel: a subcommand is missing: mcp3201, hc595, lv165a, address\n  try: varnel "
+                "--help\n"},
         BadLine{"mcp3201", "varnel: a subcommand is missing: read\n  try: varnel mcp3201 --help\n"},
-        BadLine{"bogus",
-                "varnel: 'bogus' is no subcommand here; subcommands: mcp3201\n"
-                "  try: varnel --help\n"},
+        BadLine{
+            "bogus",
+            "varnel: 'bogus' is no subcommand here; subcommands: mcp3201, hc595, lv165a, address\n"
+            "  try: varnel --help\n"},
         BadLine{"mcp3201 raed",
                 "varnel: 'raed' is no subcommand here; subcommands: read\n"
                 "  try: varnel mcp3201 --help\n"},
@@ -83,6 +95,143 @@ INSTANTIATE_TEST_SUITE_P(
                 "varnel: --output: 'xml' is none of text, csv, json\n"
                 "  try: varnel mcp3201 read --help\n"}));
 
+INSTANTIATE_TEST_SUITE_P(
+    RegistersAndExpander, BadArguments,
+    testing::Values(
+        BadLine{"hc595 write",
+                "varnel: VALUE is required\n"
+                "  try: varnel hc595 write --help\n"},
+        BadLine{"hc595 write -1",
+                "varnel: VALUE: '-1' is not a whole number: decimal, 0x.. or 0b..\n"
+                "  try: varnel hc595 write --help\n"},
+        BadLine{"hc595 write 0x1g",
+                "varnel: VALUE: '0x1g' is not a whole number: decimal, 0x.. or 0b..\n"
+                "  try: varnel hc595 write --help\n"},
+        BadLine{"hc595 write 0x",
+                "varnel: VALUE: '0x' is not a whole number: decimal, 0x.. or 0b..\n"
+                "  try: varnel hc595 write --help\n"},
+        BadLine{"hc595 write 0b12",
+                "varnel: VALUE: '0b12' is not a whole number: decimal, 0x.. or 0b..\n"
+                "  try: varnel hc595 write --help\n"},
+        BadLine{
+            "hc595 write 18446744073709551616 --chain 8",
+            "varnel: VALUE: '18446744073709551616' is not a whole number: decimal, 0x.. or 0b..\n"
+            "  try: varnel hc595 write --help\n"},
+        BadLine{"hc595 write 256",
+                "varnel: VALUE: 0x100 is above 0xff, the highest value of 1 chip\n"
+                "  try: varnel hc595 write --help\n"},
+        BadLine{"hc595 write 0x1000000 --chain 3 --latch 2",
+                "varnel: VALUE: 0x1000000 is above 0xffffff, the highest value of 3 chips\n"
+                "  try: varnel hc595 write --help\n"},
+        BadLine{"hc595 write 1 --chain 0",
+                "varnel: --chain: '0' is not a number of chips from 1 to 8\n"
+                "  try: varnel hc595 write --help\n"},
+        BadLine{"hc595 write 1 --chain 9",
+                "varnel: --chain: '9' is not a number of chips from 1 to 8\n"
+                "  try: varnel hc595 write --help\n"},
+        BadLine{"hc595 write 1 --latch gpiochip1",
+                "varnel: --latch: 'gpiochip1' is a chip: name one of its lines, e.g. gpiochip1:15\n"
+                "  try: varnel hc595 write --help\n"},
+        BadLine{"hc595 write 1 --latch 2 --cs 3",
+                "varnel: --cs: a 74HC595 has no select line: --cs is for chips whose RCLK is wired "
+                "to it, --latch for chips whose RCLK has a pin of its own\n"
+                "  try: varnel hc595 write --help\n"},
+        BadLine{"hc595 write 1 --expander 22:3",
+                "varnel: --expander: the 74HC595 can't be selected through an expander: it has no "
+                "select line\n"
+                "  try: varnel hc595 write --help\n"},
+        BadLine{"hc595 write 1 --expander 22:3:implicit",
+                "varnel: --expander: the 74HC595 can't be selected through an expander: it has no "
+                "select line\n"
+                "  try: varnel hc595 write --help\n"},
+        BadLine{"lv165a read",
+                "varnel: --latch is required\n"
+                "  try: varnel lv165a read --help\n"},
+        BadLine{"lv165a read --latch 23 --count x",
+                "varnel: --count: 'x' is not a count from 0 to 18446744073709551615\n"
+                "  try: varnel lv165a read --help\n"},
+        BadLine{"lv165a read --latch 23 --expander 22:3:implicit",
+                "varnel: --expander: the 74LV165A can't be selected implicitly: it is loaded and "
+                "read before its address is on the expander's outputs, and its select stays on\n"
+                "  try: varnel lv165a read --help\n"},
+        BadLine{"address write --pins 1",
+                "varnel: N is required\n"
+                "  try: varnel address write --help\n"},
+        BadLine{"address write 1",
+                "varnel: --pins is required\n"
+                "  try: varnel address write --help\n"},
+        BadLine{"address write x --pins 1",
+                "varnel: N: 'x' is not a whole number: decimal, 0x.. or 0b..\n"
+                "  try: varnel address write --help\n"},
+        BadLine{"address write 8 --pins 1,2,3",
+                "varnel: N: 8 is above 7, the highest address on 3 pins\n"
+                "  try: varnel address write --help\n"},
+        BadLine{"address write 2 --pins 1",
+                "varnel: N: 2 is above 1, the highest address on 1 pin\n"
+                "  try: varnel address write --help\n"},
+        BadLine{
+            "address write 0 --pins 1,,2",
+            "varnel: --pins: a pin is a number, a line name, or CHIP:LINE such as gpiochip1:15\n"
+            "  try: varnel address write --help\n"},
+        BadLine{
+            "address write 0 --pins 1,",
+            "varnel: --pins: a pin is a number, a line name, or CHIP:LINE such as gpiochip1:15\n"
+            "  try: varnel address write --help\n"},
+        BadLine{"address write 0 --pins 1,2,1",
+                "varnel: --pins: '1' stands there twice\n"
+                "  try: varnel address write --help\n"},
+        BadLine{"address write 0 --pins "
+                "0,1,2,3,4,5,6,7,8,9,10,11,12,13,14,15,16,17,18,19,20,21,22,23,24,25,26,27,28,29,"
+                "30,31,32",
+                "varnel: --pins: 33 pins are more than the 32 bits of an address\n"
+                "  try: varnel address write --help\n"},
+        BadLine{"address write 0 --pins 1 --cs 3",
+                "varnel: --cs: the address decoder has no select line\n"
+                "  try: varnel address write --help\n"},
+        BadLine{"address write 0 --pins 1 --expander 22:3",
+                "varnel: --expander: the address decoder can't be selected through an expander: it "
+                "is on GPIO lines, not on the bus\n"
+                "  try: varnel address write --help\n"},
+        BadLine{"mcp3201 read --expander 22",
+                "varnel: --expander: '22': an address must follow the latch pin, e.g. 22:3\n"
+                "  try: varnel mcp3201 read --help\n"},
+        BadLine{
+            "mcp3201 read --expander gpiochip1:15",
+            "varnel: --expander: 'gpiochip1' is a chip: name one of its lines, e.g. gpiochip1:15\n"
+            "  try: varnel mcp3201 read --help\n"},
+        BadLine{"mcp3201 read --expander 22:255",
+                "varnel: --expander: '255' is not an address from 0 to 254\n"
+                "  try: varnel mcp3201 read --help\n"},
+        BadLine{"mcp3201 read --expander 22:3:sometimes",
+                "varnel: --expander: 'sometimes' is not an address from 0 to 254\n"
+                "  try: varnel mcp3201 read --help\n"},
+        BadLine{"mcp3201 read --expander 22:7",
+                "varnel: --expander: address 7 is the one that selects no chip; --expander-none "
+                "names another for that\n"
+                "  try: varnel mcp3201 read --help\n"},
+        BadLine{"mcp3201 read --expander 22:3 --expander-none 3",
+                "varnel: --expander: address 3 is the one that selects no chip; --expander-none "
+                "names another for that\n"
+                "  try: varnel mcp3201 read --help\n"},
+        BadLine{"mcp3201 read --expander 22:3 --expander-none 255",
+                "varnel: --expander-none: '255' is not an address from 0 to 254\n"
+                "  try: varnel mcp3201 read --help\n"},
+        BadLine{"mcp3201 read --expander-none 3",
+                "varnel: --expander-none requires --expander\n"
+                "  try: varnel mcp3201 read --help\n"}));
+
+TEST(Arguments, AnExpanderExcludesASelectPin) {
+  const ToolRun run = runLine("mcp3201 read --expander 22:3 --cs 25");
+  EXPECT_EQ(run.status, 2);
+  EXPECT_THAT(run.err,
+              testing::AllOf(HasSubstr("--cs"), HasSubstr("excludes"), HasSubstr("--expander")));
+}
+
+TEST(Arguments, AnyAddressGoesWhereTheNoneAddressIsAnother) {
+  // Accepted: it fails at the line, which isn't there.
+  EXPECT_EQ(runLine("mcp3201 read --expander 22:7 --expander-none 3").status, 1);
+}
+
 TEST(Arguments, AnUnknownOptionOrAWordTooMuchIsRefused) {
   EXPECT_EQ(runLine("mcp3201 read --bogus").status, 2);
   EXPECT_THAT(runLine("mcp3201 read --bogus").err, HasSubstr("--bogus"));
@@ -94,7 +243,7 @@ TEST(Arguments, AnUnknownOptionOrAWordTooMuchIsRefused) {
 }
 
 TEST(Help, IsPrintedWithStatusZero) {
-  for (const char* line : {"--help", "-h", "mcp3201 --help", "mcp3201 read --help"}) {
+  for (const std::string& line : kPages) {
     const ToolRun run = runLine(line);
     EXPECT_EQ(run.status, 0) << line;
     EXPECT_THAT(run.out, HasSubstr("--spi NODE")) << line;
@@ -116,7 +265,7 @@ TEST(Help, ShowsUnitsDefaultsAndExamples) {
 TEST(Help, EveryExampleIsAcceptedAsItStands) {
   const std::regex example("\n  varnel ([^\n]*)");
   int examples = 0;
-  for (const char* page : {"--help", "mcp3201 read --help"}) {
+  for (const std::string& page : kPages) {
     const std::string help = runLine(page).out;
     for (std::sregex_iterator i(help.begin(), help.end(), example), end; i != end; ++i) {
       // Asked for help as well, the line is read without a board being needed.
@@ -125,7 +274,14 @@ TEST(Help, EveryExampleIsAcceptedAsItStands) {
       ++examples;
     }
   }
-  EXPECT_GE(examples, 6);
+  EXPECT_GE(examples, 16);
+}
+
+TEST(Help, TellsWhatTheWiringMustBe) {
+  EXPECT_THAT(runLine("hc595 write --help").out, HasSubstr("Without --latch RCLK must be wired"));
+  EXPECT_THAT(runLine("lv165a read --help").out, HasSubstr("wired straight to SH/LD"));
+  EXPECT_THAT(runLine("address write --help").out,
+              HasSubstr("a released line may fall back, and the address with it"));
 }
 
 TEST(Version, IsPrintedWithStatusZero) {
@@ -151,16 +307,19 @@ std::string manualPage() {
 }
 
 TEST(ManualPage, HasExactlyTheOptionsOfTheHelpPages) {
-  const std::string help =
-      runLine("--help").out + runLine("mcp3201 --help").out + runLine("mcp3201 read --help").out;
+  std::string help;
+  for (const std::string& page : kPages) {
+    help += runLine(page).out;
+  }
   const auto inHelp = optionsIn(help, "\n  (?:-h,)?--([a-z0-9-]+)");
-  EXPECT_EQ(inHelp.size(), 11U);
+  EXPECT_EQ(inHelp.size(), 17U);
   EXPECT_EQ(optionsIn(manualPage(), "\n\\.It (?:Fl h , )?Fl -([a-z0-9-]+)"), inHelp);
 }
 
 TEST(ManualPage, NamesTheMembersOfJsonObjects) {
   const std::string page = manualPage();
-  for (const char* key : {"chip", "reading", "code", "volts"}) {
+  for (const char* key : {"chip", "reading", "code", "volts", "value", "chain", "latch", "inputs",
+                          "bits", "address", "pins"}) {
     EXPECT_THAT(page, HasSubstr(std::string("\n.It Li ") + key + '\n'));
   }
 }

@@ -13,7 +13,7 @@ using tool::Step;
 
 namespace {
 
-std::string message(Step step, int errorNumber) {
+std::string message(Step step, int errorNumber, int wordBits = 15) {
   Failure failure;
   failure.step = step;
   failure.code = -errorNumber;
@@ -21,7 +21,7 @@ std::string message(Step step, int errorNumber) {
   failure.pin = "GPIO25";
   failure.option = "--cs";
   failure.chip = "MCP3201";
-  failure.wordBits = 15;
+  failure.wordBits = wordBits;
   return describe(failure);
 }
 
@@ -62,6 +62,12 @@ TEST(Failure, ARefusedTransferNamesTheWordSizeOfTheChip) {
       "own takes 8 bits only, spi-gpio takes any; or another --speed");
 }
 
+TEST(Failure, ARefusedTransferOfBytesIsNotPutDownToTheWordSize) {
+  EXPECT_EQ(message(Step::Transfer, EINVAL, 8),
+            "can't transfer with the MCP3201 on /dev/spidev1.0: Invalid argument (-22)\n"
+            "  try: a lower --speed; dmesg shows what the controller's driver says");
+}
+
 TEST(Failure, ANodeThatIsNoSpidevIsSaidToBeSomethingElse) {
   EXPECT_EQ(message(Step::SetUpNode, ENOTTY),
             "can't set up /dev/spidev1.0: Inappropriate ioctl for device (-25)\n"
@@ -75,6 +81,17 @@ TEST(Failure, EveryStepHasItsOwnCallAndSomethingToTry) {
   EXPECT_THAT(message(Step::Select, EIO), StartsWith("can't select the MCP3201 with GPIO line"));
   EXPECT_THAT(message(Step::Deselect, EIO), StartsWith("can't release the MCP3201 with GPIO line"));
   EXPECT_THAT(message(Step::Transfer, EIO), StartsWith("can't transfer with the MCP3201"));
+  EXPECT_THAT(message(Step::Latch, EIO),
+              StartsWith("can't write GPIO line GPIO25, the latch of the MCP3201"));
+  EXPECT_THAT(message(Step::ExpanderSelectLatch, EIO),
+              StartsWith("can't select the MCP3201 with GPIO line GPIO25, the latch of the exp"));
+  EXPECT_THAT(message(Step::ExpanderSelectTransfer, EIO),
+              StartsWith("can't select the MCP3201 with a transfer to the expander"));
+  EXPECT_THAT(message(Step::ExpanderDeselectLatch, EIO),
+              StartsWith("can't deselect the chips with GPIO line GPIO25, the latch of the exp"));
+  EXPECT_THAT(message(Step::ExpanderDeselectTransfer, EIO),
+              StartsWith("can't deselect the chips with a transfer to the expander"));
+  EXPECT_THAT(message(Step::WriteAddress, EIO), StartsWith("can't write the address to the GPIO"));
   EXPECT_THAT(message(Step::CloseNode, EIO), StartsWith("can't close /dev/spidev1.0"));
   for (int step = 0; step <= static_cast<int>(Step::CloseNode); ++step) {
     EXPECT_THAT(message(static_cast<Step>(step), EIO),

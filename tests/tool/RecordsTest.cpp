@@ -85,6 +85,20 @@ TEST(Records, JsonEscapesStringsAndHasNoNotANumber) {
             "{\"chip\":\"x\",\"id\":null}");
 }
 
+TEST(Records, AColumnCanBeForReadersOrForDataOnly) {
+  constexpr Column kBoth[] = {{.name = "inputs", .inData = false},
+                              {.name = "inputs", .inText = false},
+                              {.name = "high", .inData = false},
+                              {.name = "last"}};
+  const std::vector<Value> values = {std::string("0xff"), int64_t{255}, std::string("all"),
+                                     uint64_t{18446744073709551615U}};
+  EXPECT_EQ(tool::textLine(kBoth, values), "inputs 0xff  high all  last 18446744073709551615");
+  EXPECT_EQ(tool::csvHeader(kBoth), "inputs,last");
+  EXPECT_EQ(tool::csvLine(kBoth, values), "255,18446744073709551615");
+  EXPECT_EQ(tool::jsonLine("x", kBoth, values),
+            "{\"chip\":\"x\",\"inputs\":255,\"last\":18446744073709551615}");
+}
+
 TEST(Records, EveryLineIsFlushed) {
   CountingBuffer buffer;
   std::ostream out(&buffer);

@@ -18,7 +18,8 @@ constexpr ChipInfo kChip = {.name = "mcp3201",
                             .title = "MCP3201",
                             .about = "12-bit analog-to-digital converter, one input",
                             .wordBits = 15,
-                            .selectActiveLow = true};
+                            .selectActiveLow = true,
+                            .behindExpander = {.explicitly = true, .implicitly = true}};
 
 constexpr Column kColumns[] = {
     {.name = "reading", .inText = false},
@@ -32,12 +33,13 @@ struct ReadOptions {
 };
 
 void readInput(const Context& context, const ReadOptions& options, Session& session) {
-  Varnel::CSpiAnalogIn1x12Bit_MCP3201 converter;
+  Watched<Varnel::CSpiAnalogIn1x12Bit_MCP3201> converter(session.trouble());
   session.bind(converter);
   RecordWriter writer(context.out, context.options.format, kChip.name, kColumns);
   repeat(options.repetition, session.interrupt(), [&](uint64_t round) {
     uint16_t code = 0;
-    session.check(converter.readInput(&code, Varnel::CLinuxSpiDevice::DO_TRANSFER));
+    session.run(converter,
+                [&] { return converter.readInput(&code, Varnel::CLinuxSpiDevice::DO_TRANSFER); });
     writer.write({static_cast<int64_t>(round), int64_t{code}, mcp3201Volts(code, options.vref)});
   });
 }
@@ -55,7 +57,8 @@ void registerMcp3201(App& app) {
       chip, "read", "Convert and print the code (0 to 4095) and the volts, code * vref / 4096.",
       "  varnel mcp3201 read --cs 25 --cs-active-low --vref 5\n"
       "  varnel mcp3201 read --cs GPIO25 --cs-active-low --count 0 --interval 500\n"
-      "  varnel mcp3201 read --cs gpiochip1:16 --cs-active-low --count 100 --output csv",
+      "  varnel mcp3201 read --cs gpiochip1:16 --cs-active-low --count 100 --output csv\n"
+      "  varnel mcp3201 read --expander 22:3 --vref 5",
       [options](const Context& context) {
         return runSession(context.options, kChip, context.err,
                           [&](Session& session) { readInput(context, *options, session); });

@@ -2,6 +2,9 @@
 #include "vboard/chips/Catalog.h"
 
 #include "vboard/board/TriStateBuffer.h"
+#include "vboard/chips/Decoder3to8.h"
+#include "vboard/chips/Hc595.h"
+#include "vboard/chips/Lv165a.h"
 #include "vboard/chips/Mcp3201.h"
 
 namespace vboard {
@@ -21,8 +24,7 @@ constexpr Kind kind() {
 }
 
 constexpr Kind kKinds[] = {
-    kind<Mcp3201>(),
-    kind<TriStateBuffer>(),
+    kind<Decoder3to8>(), kind<Hc595>(), kind<Lv165a>(), kind<Mcp3201>(), kind<TriStateBuffer>(),
 };
 
 }  // namespace

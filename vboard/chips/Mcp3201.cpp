@@ -6,6 +6,7 @@
 #include <cstdio>
 
 #include "vboard/board/Board.h"
+#include "vboard/chips/Knobs.h"
 
 namespace vboard {
 
@@ -27,10 +28,11 @@ constexpr nanoseconds kSelectSetup(100);  // tSUCS: CS fall to first clock rise
 constexpr nanoseconds kSelectHigh(625);   // tCSH
 constexpr microseconds kHoldTime(1200);   // until the sampling capacitor has lost too much
 constexpr uint32_t kSampleFall = 2;
-constexpr uint32_t kLastBitFall = 14;     // B0 appears on DOUT
-constexpr uint32_t kLastBitRise = 15;     // and is sampled here
-constexpr uint32_t kFrameRises = 26;      // the LSB-first copy is out
-constexpr uint32_t kLastChangeRise = 40;  // by then DOUT is low for good
+constexpr uint32_t kLastBitFall = 14;  // B0 appears on DOUT
+constexpr uint32_t kLastBitRise = 15;  // and is sampled here
+// DOUT has long been low for good. A neighbour's traffic may well run past a selected chip, as the
+// register of a select expander does; three frames of 16 clocks are a forgotten deselection.
+constexpr uint32_t kForgottenRises = 48;
 
 std::string volts(double value) {
   char text[32];
@@ -50,29 +52,6 @@ uint32_t outputOf(int code) {
     mirrored = (mirrored << 1U) | ((bits >> bit) & 1U);
   }
   return (bits << 19U) | (mirrored << 8U);
-}
-
-double numberOf(const PropertyValue& value) {
-  if (const auto* whole = std::get_if<int64_t>(&value)) {
-    return static_cast<double>(*whole);
-  }
-  const auto* number = std::get_if<double>(&value);
-  return number == nullptr ? std::nan("") : *number;
-}
-
-std::function<std::optional<std::string>(const PropertyValue&)> setter(
-    double lowest, double highest, std::function<void(double)> set) {
-  return [=, set = std::move(set)](const PropertyValue& value) -> std::optional<std::string> {
-    const double number = numberOf(value);
-    // Written so that not-a-number is refused too.
-    if (!(number >= lowest && number <= highest)) {
-      char text[80];
-      std::snprintf(text, sizeof text, "must be a number from %g to %g", lowest, highest);
-      return text;
-    }
-    set(number);
-    return std::nullopt;
-  };
 }
 
 }  // namespace
@@ -222,11 +201,10 @@ void Mcp3201::clockRose() {
                                             " after CS fell, at least " +
                                             nanosecondsText(kSelectSetup));
     }
-  } else if (rises_ == kFrameRises + 1) {
+  } else if (rises_ == kForgottenRises + 1) {
     violate("no-deselect",
-            "clock 27 with CS still low: zeros follow, and no conversion until CS has been high");
-  } else if (rises_ > kLastChangeRise) {
-    clk_.setAttentive(false);  // zeros until CS has been high, whatever the clock does
+            "clock 49 with CS still low: zeros only, and no conversion until CS has been high");
+    clk_.setAttentive(false);
   }
 }
 
@@ -295,7 +273,7 @@ void Mcp3201::addProperties() {
                           const auto guard = lock();
                           return get();
                         },
-                        setter(lowest, highest, set), false});
+                        numberSetter(lowest, highest, set), false});
   };
   knob(
       "vdd", "V", "supply, 2.7 to 5.5, 5 unless set; the highest clock follows it", kSupplyMin,

@@ -3,15 +3,12 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <cerrno>
-#include <chrono>
-#include <memory>
 #include <string>
-#include <thread>
 #include <type_traits>
 #include <vector>
 
+#include "tests/varnel/chips/Waiting.h"
 #include "tests/varnel/common/BusRig.h"
 #include "tests/wire/FaultSweep.h"
 #include "tests/wire/Locks.h"
@@ -197,30 +194,10 @@ TEST(Mcp3201, HoldsTheBusForItsWholeExchange) {
   rig.wire.discard();
 }
 
-/// Whether an operation gets through while another thread holds the bus. One that doesn't wait is
-/// done long before the pause is over; one that waits is never seen as done.
-template <class Operation>
-bool finishesWithoutTheBus(AdcRig& rig, Operation operation) {
-  std::atomic<bool> done{false};
-  bool early = false;
-  std::thread thread;
-  {
-    const wire::HeldElsewhere held(rig.mutex());
-    thread = std::thread([&] {
-      operation();
-      done = true;
-    });
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    early = done;
-  }
-  thread.join();
-  return early;
-}
-
 TEST(Mcp3201, WaitsForTheBusAlsoWithNoTransfer) {
   AdcRig rig;
-  EXPECT_FALSE(finishesWithoutTheBus(rig, [&rig] { rig.adc.transferData(kNo); }));
-  EXPECT_FALSE(finishesWithoutTheBus(rig, [&rig] { rig.adc.readInput(&rig.value, kNo); }));
+  EXPECT_FALSE(finishesWithoutTheBus(rig.mutex(), [&rig] { rig.adc.transferData(kNo); }));
+  EXPECT_FALSE(finishesWithoutTheBus(rig.mutex(), [&rig] { rig.adc.readInput(&rig.value, kNo); }));
 }
 
 struct Recording : OpenAdc {

@@ -259,6 +259,8 @@ TEST_F(Mcp3201Test, WithoutDeselectionThereIsNoSecondConversion) {
   EXPECT_THAT(clockOut(1), ElementsAre(0xFFFU));
   EXPECT_THAT(clockOut(1), ElementsAre(0x7FF0U));  // eleven bits of the copy, then zeros
   EXPECT_THAT(clockOut(1), ElementsAre(0x0000U));
+  EXPECT_THAT(rulesOf(board), IsEmpty());
+  EXPECT_THAT(clockOut(2), ElementsAre(0x0000U, 0x0000U));
   deselect();
   EXPECT_EQ(adc.conversions(), 1U);
   EXPECT_THAT(rulesOf(board), ElementsAre("adc no-deselect"));

@@ -264,9 +264,7 @@ TEST_F(VarnelBoard, FaultsOfTheFileReachTheProgram) {
 // What follows runs clients as they come from the distribution.
 
 TEST_F(VarnelBoard, SpiConfigSetsAndShowsANode) {
-  if (!have("spi-config")) {
-    GTEST_SKIP() << "package spi-tools";
-  }
+  ASSERT_TRUE(have("spi-config")) << "install the package spi-tools";
   const Outcome outcome =
       run(kDemo + " --report none -- spi-config -d /dev/spidev1.0 -m 3 -b 12 -s 250000 -q");
   EXPECT_EQ(outcome.status, 0);
@@ -276,9 +274,7 @@ TEST_F(VarnelBoard, SpiConfigSetsAndShowsANode) {
 }
 
 TEST_F(VarnelBoard, SpiPipeReadsTheConverter) {
-  if (!have("spi-pipe")) {
-    GTEST_SKIP() << "package spi-tools";
-  }
+  ASSERT_TRUE(have("spi-pipe")) << "install the package spi-tools";
   // 2.137 V of 3.3 V is code 2652 = a5c: two bits of noise, a zero, then 1 0100 1011 1100 and B1.
   const std::string board =
       write("native.toml",
@@ -294,9 +290,8 @@ TEST_F(VarnelBoard, SpiPipeReadsTheConverter) {
 }
 
 TEST_F(VarnelBoard, PythonReadsTheConverter) {
-  if (std::system("/usr/bin/python3 -c 'import spidev' 2>/dev/null") != 0) {
-    GTEST_SKIP() << "package python3-spidev";
-  }
+  ASSERT_EQ(std::system("/usr/bin/python3 -c 'import spidev'"), 0)
+      << "install the package python3-spidev";
   const std::string script = write("read.py",
                                    "import spidev\n"
                                    "spi = spidev.SpiDev()\n"
@@ -315,9 +310,7 @@ TEST_F(VarnelBoard, PythonReadsTheConverter) {
 }
 
 TEST_F(VarnelBoard, TheGpioToolsSeeTheLinesOfTheBoard) {
-  if (!have("gpiodetect")) {
-    GTEST_SKIP() << "package gpiod";
-  }
+  ASSERT_TRUE(have("gpiodetect")) << "install the package gpiod";
   EXPECT_EQ(run(kDemo + " --report none -- gpiodetect").out, "gpiochip0 [demo-gpio] (32 lines)\n");
   EXPECT_THAT(run(kDemo + " --report none -- gpioinfo").out, HasSubstr("ADC_CS"));
   const bool version2 = std::system("gpioget --version | grep -q ') v2'") == 0;

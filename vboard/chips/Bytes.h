@@ -1,0 +1,25 @@
+// SPDX-License-Identifier: MIT
+#ifndef VBOARD_CHIPS_BYTES_H
+#define VBOARD_CHIPS_BYTES_H
+
+#include <cstdint>
+#include <cstdio>
+#include <string>
+
+namespace vboard {
+
+/// A shift register's byte after one more clock: the bit comes in at the bottom.
+constexpr uint8_t shiftedIn(uint8_t byte, bool bit) {
+  return static_cast<uint8_t>(2 * byte + (bit ? 1 : 0));
+}
+
+/// "0x5a".
+inline std::string hexText(uint8_t byte) {
+  char text[8];
+  std::snprintf(text, sizeof text, "0x%02x", byte);
+  return text;
+}
+
+}  // namespace vboard
+
+#endif
