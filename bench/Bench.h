@@ -3,7 +3,10 @@
 #define BENCH_BENCH_H
 
 #include <cstdint>
+#include <cstdio>
+#include <cstdlib>
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -31,6 +34,17 @@ struct Suite {
   std::vector<Operation> operations;
   std::vector<Comparison> comparisons;
 };
+
+/// Repetitions of every timed benchmark; the fastest counts.
+constexpr int kRepetitions = 9;
+
+/// Ends the program with a message where a benchmark can't go on.
+inline void check(bool good, const char* what) {
+  if (!good) {
+    std::perror(what);
+    std::exit(1);
+  }
+}
 
 /// Counts the system calls on the board's nodes, and the heap allocations, of one call.
 Operation count(std::string name, vboard::Board& board, const std::function<void()>& call);

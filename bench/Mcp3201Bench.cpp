@@ -6,13 +6,12 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
-#include <cstdio>
-#include <cstdlib>
-
 #include "bench/Bench.h"
 #include "varnel/chips/analogin/SpiAnalogIn1x12Bit_MCP3201.h"
 
 namespace {
+
+using bench::check;
 
 constexpr uint32_t kSpeedHz = 1600000;
 
@@ -26,13 +25,6 @@ struct Fixture {
   vboard::Board board;
   vboard::Mcp3201& adc;
 };
-
-void check(bool good, const char* what) {
-  if (!good) {
-    std::perror(what);
-    std::exit(1);
-  }
-}
 
 /// Bus and device as an application has them.
 struct Library {
@@ -91,7 +83,6 @@ void bench::addMcp3201(Suite& suite) {
   suite.operations.push_back(count("MCP3201 readInput, no transfer", fixture.board,
                                    [&] { library.device.readInput(&code, false); }));
 
-  constexpr int kRepetitions = 9;
   benchmark::RegisterBenchmark("MCP3201.readInput", readInput)->Repetitions(kRepetitions);
   benchmark::RegisterBenchmark("MCP3201.handWritten", handWritten)->Repetitions(kRepetitions);
   suite.comparisons.push_back({.name = "MCP3201 readInput / hand-written loop",

@@ -13,20 +13,13 @@
 namespace {
 
 using boardtest::Hand;
+using boardtest::rulesOf;
 using std::chrono::nanoseconds;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using vboard::Board;
 using vboard::Hc595;
 using vboard::PropertyValue;
-
-std::vector<std::string> rulesOf(const Board& board) {
-  std::vector<std::string> rules;
-  for (const vboard::Violation& violation : board.violations()) {
-    rules.push_back(violation.part + " " + violation.rule);
-  }
-  return rules;
-}
 
 /// One chip on a bus, with its latch in a hand.
 struct Rig {

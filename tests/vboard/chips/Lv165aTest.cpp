@@ -13,19 +13,12 @@
 namespace {
 
 using boardtest::Hand;
+using boardtest::rulesOf;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using vboard::Board;
 using vboard::Lv165a;
 using vboard::PropertyValue;
-
-std::vector<std::string> rulesOf(const Board& board) {
-  std::vector<std::string> rules;
-  for (const vboard::Violation& violation : board.violations()) {
-    rules.push_back(violation.part + " " + violation.rule);
-  }
-  return rules;
-}
 
 /// One chip on a bus; load, inhibit and serial input in hands.
 struct Rig {

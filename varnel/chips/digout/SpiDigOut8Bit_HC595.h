@@ -27,8 +27,8 @@ class VARNEL_EXPORT CSpiDigOut8Bit_HC595 : public CLinuxSpiDevice {
   CSpiDigOut8Bit_HC595();
   ~CSpiDigOut8Bit_HC595() override;
 
-  /// Sets the outputs. A value that the cache holds is not sent: also not the very first 0xFF, and
-  /// not one that was stored with `NO_TRANSFER` before.
+  /// Sets the outputs. A value that the cache holds is neither stored nor sent: also not the very
+  /// first 0xFF, and not one that was stored with `NO_TRANSFER` before.
   /// @param value bit 0 is QA, bit 7 is QH
   /// @param doWrite `DO_TRANSFER` shifts and latches now; `NO_TRANSFER` stores the value for the
   ///     next transfer of a chain that this device is in

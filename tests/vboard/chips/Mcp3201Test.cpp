@@ -3,7 +3,7 @@
 
 #include <gmock/gmock.h>
 
-#include "Parts.h"
+#include "tests/vboard/board/Parts.h"
 #include "vboard/board/WireLog.h"
 
 namespace {
