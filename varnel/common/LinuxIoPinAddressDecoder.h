@@ -32,7 +32,7 @@ class VARNEL_EXPORT CLinuxIoPinAddressDecoder {
   Orv::CLinuxIoPin& pin(unsigned int index);
 
  protected:
-  std::vector<Orv::CLinuxIoPin> m_IoPins;
+  std::vector<Orv::CLinuxIoPin> m_IoPins;  ///< bit 0 first
 };
 
 }  // namespace Varnel

@@ -57,6 +57,7 @@ class VARNEL_EXPORT CSpiDigOut8Bit_HC595 : public CLinuxSpiDevice {
 /// there. Not to be mixed with `writeOutputs` afterwards.
 class VARNEL_EXPORT CHC595ChipSelectDevice : public CSpiDigOut8Bit_HC595 {
  public:
+  /// When a new address reaches the outputs.
   enum eChipSelectTransferMode : uint32_t {
     ExplicitTransfer = 0,  ///< a new address is shifted out and latched at once
     ImplicitTransfer = 1   ///< a new address goes out with the next transfer of the device's chain
@@ -71,8 +72,10 @@ class VARNEL_EXPORT CHC595ChipSelectDevice : public CSpiDigOut8Bit_HC595 {
 
   /// Makes a device selectable: sets its chip selector and its chain, which becomes [expander,
   /// device]. Not locked: attach before transfers start.
+  /// @param device on the same bus; the expander must outlive it
   /// @param csAddressEnabled an address of its own. The first device under an address keeps it; a
   ///     second one is left with a selector that no longer exists.
+  /// @param transferMode when its selection reaches the outputs
   /// @return always 0
   TErrCode attachSpiDevice(CLinuxSpiDevice* device, uint8_t csAddressEnabled,
                            eChipSelectTransferMode transferMode);
@@ -87,7 +90,7 @@ class VARNEL_EXPORT CHC595ChipSelectDevice : public CSpiDigOut8Bit_HC595 {
   TErrCode setChipSelect(uint8_t address, eChipSelectTransferMode transferMode);
 
  protected:
-  HC595ChipSelectDevicePrivate* d;
+  HC595ChipSelectDevicePrivate* d;  ///< owned
 };
 
 /// Selects one device behind an expander.
@@ -100,7 +103,9 @@ class VARNEL_EXPORT CHC595ChipSelector : public ILinuxSpiChipSelector {
 
   /// Sets the expander, which the selector does not own and must have to `enable`.
   void setHC595Chip(CHC595ChipSelectDevice* chip);
+  /// The expander, or null.
   CHC595ChipSelectDevice* HC595Chip();
+  /// Sets the mode that `enable` passes on.
   void setTransferMode(CHC595ChipSelectDevice::eChipSelectTransferMode transferMode);
 
   /// `CHC595ChipSelectDevice::setChipSelect` with the device's address (true) or the none address
@@ -111,6 +116,7 @@ class VARNEL_EXPORT CHC595ChipSelector : public ILinuxSpiChipSelector {
   CHC595ChipSelectDevice* m_SpiDeviceHC595;  ///< not owned
   uint8_t m_CsAdressEnabled;                 ///< written when the device is selected
   uint8_t m_CsAddressDisabled;               ///< written when it is deselected
+  /// Passed on by `enable`.
   CHC595ChipSelectDevice::eChipSelectTransferMode m_TransferMode =
       CHC595ChipSelectDevice::ExplicitTransfer;
 };
