@@ -31,7 +31,8 @@ endif()
 # Coverage is wanted of the libraries, not of their tests.
 add_library(varnel_coverage INTERFACE)
 if(VARNEL_COVERAGE)
-  target_compile_options(varnel_coverage INTERFACE --coverage -O0 -fno-inline)
+  # Counted by several threads at once.
+  target_compile_options(varnel_coverage INTERFACE --coverage -fprofile-update=atomic -O0 -fno-inline)
   target_link_options(varnel_coverage INTERFACE --coverage)
 endif()
 
