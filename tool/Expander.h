@@ -20,7 +20,7 @@ class Expander {
   Expander(const Expander&) = delete;
   Expander& operator=(const Expander&) = delete;
 
-  /// Makes a device selectable under the address of the spec: one, which the expander outlives.
+  /// Makes a device selectable under the address given: one, which the expander outlives.
   void attach(Varnel::CLinuxSpiDevice& device);
   bool implicitly() const { return implicitly_; }
   /// Brings an address to the outputs that an implicit selection only stored.
