@@ -19,6 +19,7 @@ struct Operation {
   std::string name;
   uint64_t systemCalls = 0;
   uint64_t allocations = 0;
+  uint64_t boardAllocations = 0;  ///< how many of them are the virtual board's own
 };
 
 /// Two timed benchmarks of the same run whose ratio must stay below a limit (0: only printed).
@@ -52,6 +53,7 @@ Operation count(std::string name, vboard::Board& board, const std::function<void
 void addHc595(Suite& suite);
 void addLv165a(Suite& suite);
 void addMcp3201(Suite& suite);
+void addStepper(Suite& suite);
 void addVboard(Suite& suite);
 
 }  // namespace bench

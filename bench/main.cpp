@@ -70,7 +70,7 @@ Operation count(std::string name, vboard::Board& board, const std::function<void
   board.addObserver(counter);
   call();
   board.removeObserver(counter);
-  return {std::move(name), counter.calls, allocations};
+  return {std::move(name), counter.calls, allocations, 0};
 }
 
 }  // namespace bench
@@ -84,16 +84,17 @@ int main(int argc, char** argv) {
   bench::addMcp3201(suite);
   bench::addHc595(suite);
   bench::addLv165a(suite);
+  bench::addStepper(suite);
   bench::addVboard(suite);
 
   int failures = 0;
   std::printf("%-44s %12s %12s\n", "operation", "system calls", "allocations");
   for (const bench::Operation& operation : suite.operations) {
-    const bool good = operation.allocations == 0;
+    const bool good = operation.allocations == operation.boardAllocations;
     failures += good ? 0 : 1;
     std::printf("%-44s %12llu %12llu%s\n", operation.name.c_str(),
                 static_cast<unsigned long long>(operation.systemCalls),
-                static_cast<unsigned long long>(operation.allocations),
+                static_cast<unsigned long long>(operation.allocations - operation.boardAllocations),
                 good ? "" : "  FAILED: must not allocate");
   }
 

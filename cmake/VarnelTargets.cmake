@@ -28,6 +28,17 @@ if(VARNEL_SANITIZE)
   target_link_options(varnel_options INTERFACE -fsanitize=${VARNEL_SANITIZE})
 endif()
 
+# varnel_destroys_motor_drivers(TARGET...): these programs destroy motor drivers, which leave a block
+# allocated on purpose. The sanitizers are told of that block and of no other.
+function(varnel_destroys_motor_drivers)
+  if(VARNEL_SANITIZE)
+    foreach(target IN LISTS ARGN)
+      target_sources(${target} PRIVATE
+        ${PROJECT_SOURCE_DIR}/tests/varnel/chips/MotorDriverSanitizers.cpp)
+    endforeach()
+  endif()
+endfunction()
+
 # Coverage is wanted of the libraries, not of their tests.
 add_library(varnel_coverage INTERFACE)
 if(VARNEL_COVERAGE)

@@ -14,6 +14,7 @@ class CHasFlags {
   T m_Data;
 
   /// Starts with the flags in @p data; implicit, so that a plain value can be assigned.
+  // NOLINTNEXTLINE(google-explicit-constructor)
   CHasFlags(T data = 0) : m_Data(data) {}
 
   /// True when every bit of @p flag is set; a @p flag without bits is always set.

@@ -54,9 +54,12 @@ std::string HelpFormatter::make_footer(const CLI::App* app) const {
   }
   std::string footer;
   if (root != app) {
-    const std::vector<const CLI::Option*> global = root->get_options([](const CLI::Option* option) {
-      return !option->check_name("--help") && !option->check_name("--version");
-    });
+    const std::vector<const CLI::Option*> global =
+        root->get_options([app](const CLI::Option* option) {
+          // What the subcommand calls by the same name stands in front of a global option.
+          return !option->check_name("--help") && !option->check_name("--version") &&
+                 app->get_option_no_throw("--" + option->get_lnames().front()) == nullptr;
+        });
     footer = make_group("Global options, before or after the subcommand", false, global);
   }
   return footer + '\n' + CLI::Formatter::make_footer(app);

@@ -8,19 +8,23 @@
 namespace tool {
 namespace {
 
-volatile std::sig_atomic_t signalCame = 0;
+volatile std::sig_atomic_t signalsCame = 0;
 
 extern "C" void rememberSignal(int /*signal*/) {
-  signalCame = 1;
+  signalsCame = signalsCame + 1;
 }
 
 }  // namespace
 
 Interrupt::Interrupt() {
-  signalCame = 0;
+  signalsCame = 0;
   struct sigaction action {};
   action.sa_handler = rememberSignal;
+  // One at a time, so that each is counted.
   sigemptyset(&action.sa_mask);
+  for (const int signal : kSignals) {
+    sigaddset(&action.sa_mask, signal);
+  }
   // A transfer that a signal cuts short would fail with EINTR.
   action.sa_flags = SA_RESTART;
   for (size_t i = 0; i < std::size(kSignals); ++i) {
@@ -37,14 +41,14 @@ Interrupt::~Interrupt() {
   }
 }
 
-bool Interrupt::requested() const {
-  return signalCame != 0;
+unsigned int Interrupt::count() const {
+  return static_cast<unsigned int>(signalsCame);
 }
 
-void Interrupt::sleep(unsigned int milliseconds) const {
+void Interrupt::sleep(unsigned int milliseconds, unsigned int known) const {
   // In slices, because a sleep goes on after a signal.
   constexpr unsigned int kSliceMs = 50;
-  while (milliseconds > 0 && !requested()) {
+  while (milliseconds > 0 && count() <= known) {
     const unsigned int slice = std::min(milliseconds, kSliceMs);
     Orv::CThread::sleep(slice);
     milliseconds -= slice;

@@ -21,9 +21,12 @@ class Interrupt {
   Interrupt(const Interrupt&) = delete;
   Interrupt& operator=(const Interrupt&) = delete;
 
-  bool requested() const;
-  /// Blocks for so long, or until a signal came, which it notices within 50 ms.
-  void sleep(unsigned int milliseconds) const;
+  bool requested() const { return count() > 0; }
+  /// How many signals came.
+  unsigned int count() const;
+  /// Blocks for so long, or until more signals came than are `known`, which it notices within
+  /// 50 ms.
+  void sleep(unsigned int milliseconds, unsigned int known = 0) const;
 
  private:
   static constexpr int kSignals[] = {SIGINT, SIGTERM, SIGHUP};

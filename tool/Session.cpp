@@ -113,6 +113,9 @@ void Session::open() {
   }
   bus_.setSPIDevice(options_.node);
   bus_.setSpiSpeedKHz(options_.speedKHz);
+  if (chip_.openMode && !options_.selectPin && !options_.expander) {
+    bus_.setMode(*chip_.openMode);
+  }
   if (const TErrCode code = bus_.open(); code < 0) {
     throw DeviceError(failure(bus_.isOpen() ? Step::SetUpNode : Step::OpenNode, code));
   }

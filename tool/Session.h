@@ -2,6 +2,7 @@
 #ifndef TOOL_SESSION_H
 #define TOOL_SESSION_H
 
+#include <cstdint>
 #include <functional>
 #include <iosfwd>
 #include <memory>
@@ -38,6 +39,9 @@ struct ChipInfo {
   bool selectActiveLow = true;
   bool usesBus = true;  ///< false: GPIO lines are all it has, the node stays closed
   BehindExpander behindExpander = {};
+  /// SPI mode of a chip at the node's own select that would take the transfer after a change of
+  /// mode for a command: the bus is opened in this mode then.
+  std::optional<uint8_t> openMode = {};
 };
 
 /// A chip select pin whose failures are noted.

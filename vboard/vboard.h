@@ -11,8 +11,11 @@
 #include "vboard/chips/Catalog.h"         // IWYU pragma: export
 #include "vboard/chips/Decoder3to8.h"     // IWYU pragma: export
 #include "vboard/chips/Hc595.h"           // IWYU pragma: export
+#include "vboard/chips/L6470.h"           // IWYU pragma: export
 #include "vboard/chips/Lv165a.h"          // IWYU pragma: export
 #include "vboard/chips/Mcp3201.h"         // IWYU pragma: export
+#include "vboard/chips/Powerstep01.h"     // IWYU pragma: export
+#include "vboard/chips/StepperMotor.h"    // IWYU pragma: export
 #include "vboard/kernel/Kernel.h"         // IWYU pragma: export
 
 #endif

@@ -22,7 +22,23 @@ const std::string kPages[] = {
     "hc595 --help",   "hc595 write --help",
     "lv165a --help",  "lv165a read --help",
     "address --help", "address write --help",
+    "l6470 --help",   "powerstep01 --help",
 };
+
+/// The words of both stepper controllers.
+const char* const kStepperWords[] = {"run",      "move",  "goto", "goto-dir",  "home",
+                                     "mark",     "stop",  "hiz",  "reset-pos", "status",
+                                     "position", "speed", "get",  "set",       "reset"};
+
+std::vector<std::string> pages() {
+  std::vector<std::string> all(std::begin(kPages), std::end(kPages));
+  for (const char* word : kStepperWords) {
+    for (const char* chip : {"l6470 ", "powerstep01 "}) {
+      all.push_back(std::string(chip) + word + " --help");
+    }
+  }
+  return all;
+}
 
 struct BadLine {
   const char* line;
@@ -43,12 +59,14 @@ INSTANTIATE_TEST_SUITE_P(
     Tool, BadArguments,
     testing::Values(
         BadLine{"",
-                "varnel: a subcommand is missing: mcp3201, hc595, lv165a, address\n  try: varnel "
+                "varnel: a subcommand is missing: mcp3201, hc595, lv165a, l6470, "
+                "powerstep01, address\n  try: varnel "
                 "--help\n"},
         BadLine{"mcp3201", "varnel: a subcommand is missing: read\n  try: varnel mcp3201 --help\n"},
         BadLine{
             "bogus",
-            "varnel: 'bogus' is no subcommand here; subcommands: mcp3201, hc595, lv165a, address\n"
+            "varnel: 'bogus' is no subcommand here; subcommands: mcp3201, hc595, lv165a, l6470, "
+            "powerstep01, address\n"
             "  try: varnel --help\n"},
         BadLine{"mcp3201 raed",
                 "varnel: 'raed' is no subcommand here; subcommands: read\n"
@@ -220,6 +238,80 @@ INSTANTIATE_TEST_SUITE_P(
                 "varnel: --expander-none requires --expander\n"
                 "  try: varnel mcp3201 read --help\n"}));
 
+INSTANTIATE_TEST_SUITE_P(
+    Steppers, BadArguments,
+    testing::Values(
+        BadLine{"powerstep01",
+                "varnel: a subcommand is missing: run, move, goto, goto-dir, home, mark, stop, "
+                "hiz, reset-pos, status, position, speed, get, set, reset\n"
+                "  try: varnel powerstep01 --help\n"},
+        BadLine{"powerstep01 run",
+                "varnel: --speed is required\n"
+                "  try: varnel powerstep01 run --help\n"},
+        BadLine{"powerstep01 run --speed 15626",
+                "varnel: --speed: '15626' is not a speed from 0 to 15625 steps/s\n"
+                "  try: varnel powerstep01 run --help\n"},
+        BadLine{"l6470 run --speed -1",
+                "varnel: --speed: '-1' is not a speed from 0 to 15625 steps/s\n"
+                "  try: varnel l6470 run --help\n"},
+        BadLine{"powerstep01 run --speed nan",
+                "varnel: --speed: 'nan' is not a speed from 0 to 15625 steps/s\n"
+                "  try: varnel powerstep01 run --help\n"},
+        BadLine{"powerstep01 run --speed 1 --direction up",
+                "varnel: --direction: 'up' is none of forward, reverse\n"
+                "  try: varnel powerstep01 run --help\n"},
+        BadLine{"powerstep01 run --speed 1 --acceleration 14.5",
+                "varnel: --acceleration: '14.5' is not an acceleration from 14.6 to 59590 "
+                "steps/s2\n  try: varnel powerstep01 run --help\n"},
+        BadLine{"powerstep01 run --speed 1 --max-speed 15",
+                "varnel: --max-speed: '15' is not a speed from 15.3 to 15610 steps/s\n"
+                "  try: varnel powerstep01 run --help\n"},
+        BadLine{"powerstep01 run --speed 1 --min-speed 977",
+                "varnel: --min-speed: '977' is not a speed from 0 to 976 steps/s\n"
+                "  try: varnel powerstep01 run --help\n"},
+        BadLine{"powerstep01 move",
+                "varnel: MICROSTEPS is required\n  try: varnel powerstep01 move --help\n"},
+        BadLine{"powerstep01 move -5",
+                "varnel: MICROSTEPS: '-5' is not a number of microsteps from 0 to 2097151; "
+                "--direction reverse moves back\n  try: varnel powerstep01 move --help\n"},
+        BadLine{"powerstep01 move 5 --speed 100",
+                "varnel: --speed: the motor's speed here is its register MAX_SPEED, see "
+                "--max-speed; the bus clock's --speed stands before 'move'\n"
+                "  try: varnel powerstep01 move --help\n"},
+        BadLine{"powerstep01 goto 2097152",
+                "varnel: POSITION: '2097152' is not a position from -2097152 to 2097151 "
+                "microsteps\n  try: varnel powerstep01 goto --help\n"},
+        BadLine{"powerstep01 goto-dir 5",
+                "varnel: --direction is required\n  try: varnel powerstep01 goto-dir --help\n"},
+        BadLine{"powerstep01 get acc bogus",
+                "varnel: REGISTER: 'bogus' is no register: a name such as ACC, or an address from "
+                "1 to 27; get without a name prints all\n  try: varnel powerstep01 get --help\n"},
+        BadLine{"powerstep01 set acc",
+                "varnel: VALUE is required\n  try: varnel powerstep01 set --help\n"},
+        BadLine{"powerstep01 set acc x",
+                "varnel: VALUE: 'x' is not a whole number: decimal, 0x.. or 0b..\n"
+                "  try: varnel powerstep01 set --help\n"},
+        BadLine{"powerstep01 set acc 0x1000",
+                "varnel: VALUE: 0x1000 is above 0xfff, the highest value of ACC with its 12 "
+                "bits\n  try: varnel powerstep01 set --help\n"},
+        BadLine{"powerstep01 set acc -1",
+                "varnel: VALUE: -1 is below 0, and ACC has no sign\n"
+                "  try: varnel powerstep01 set --help\n"},
+        BadLine{"powerstep01 set mark -2097153",
+                "varnel: VALUE: -2097153 is below -2097152, the lowest value of MARK\n"
+                "  try: varnel powerstep01 set --help\n"},
+        BadLine{"powerstep01 set status 1",
+                "varnel: REGISTER: STATUS can only be read\n"
+                "  try: varnel powerstep01 set --help\n"},
+        BadLine{"l6470 stop --expander 22:3:implicit",
+                "varnel: --expander: the L6470 can't be selected through an expander: every byte "
+                "has to be a select of its own in mode 3, and would have others around it in mode "
+                "0\n  try: varnel l6470 stop --help\n"},
+        BadLine{"powerstep01 stop --expander 22:3",
+                "varnel: --expander: the powerSTEP01 can't be selected through an expander: every "
+                "byte has to be a select of its own in mode 3, and would have others around it in "
+                "mode 0\n  try: varnel powerstep01 stop --help\n"}));
+
 TEST(Arguments, AnExpanderExcludesASelectPin) {
   const ToolRun run = runLine("mcp3201 read --expander 22:3 --cs 25");
   EXPECT_EQ(run.status, 2);
@@ -243,7 +335,7 @@ TEST(Arguments, AnUnknownOptionOrAWordTooMuchIsRefused) {
 }
 
 TEST(Help, IsPrintedWithStatusZero) {
-  for (const std::string& line : kPages) {
+  for (const std::string& line : pages()) {
     const ToolRun run = runLine(line);
     EXPECT_EQ(run.status, 0) << line;
     EXPECT_THAT(run.out, HasSubstr("--spi NODE")) << line;
@@ -265,7 +357,7 @@ TEST(Help, ShowsUnitsDefaultsAndExamples) {
 TEST(Help, EveryExampleIsAcceptedAsItStands) {
   const std::regex example("\n  varnel ([^\n]*)");
   int examples = 0;
-  for (const std::string& page : kPages) {
+  for (const std::string& page : pages()) {
     const std::string help = runLine(page).out;
     for (std::sregex_iterator i(help.begin(), help.end(), example), end; i != end; ++i) {
       // Asked for help as well, the line is read without a board being needed.
@@ -274,7 +366,7 @@ TEST(Help, EveryExampleIsAcceptedAsItStands) {
       ++examples;
     }
   }
-  EXPECT_GE(examples, 16);
+  EXPECT_GE(examples, 66);
 }
 
 TEST(Help, TellsWhatTheWiringMustBe) {
@@ -308,18 +400,20 @@ std::string manualPage() {
 
 TEST(ManualPage, HasExactlyTheOptionsOfTheHelpPages) {
   std::string help;
-  for (const std::string& page : kPages) {
+  for (const std::string& page : pages()) {
     help += runLine(page).out;
   }
   const auto inHelp = optionsIn(help, "\n  (?:-h,)?--([a-z0-9-]+)");
-  EXPECT_EQ(inHelp.size(), 17U);
+  EXPECT_EQ(inHelp.size(), 27U);
   EXPECT_EQ(optionsIn(manualPage(), "\n\\.It (?:Fl h , )?Fl -([a-z0-9-]+)"), inHelp);
 }
 
 TEST(ManualPage, NamesTheMembersOfJsonObjects) {
   const std::string page = manualPage();
-  for (const char* key : {"chip", "reading", "code", "volts", "value", "chain", "latch", "inputs",
-                          "bits", "address", "pins"}) {
+  for (const char* key : {"chip",     "reading",   "code",   "volts",   "value",    "chain",
+                          "latch",    "inputs",    "bits",   "address", "pins",     "time",
+                          "position", "speed",     "state",  "busy",    "command",  "status",
+                          "bridges",  "direction", "switch", "alarms",  "register", "meaning"}) {
     EXPECT_THAT(page, HasSubstr(std::string("\n.It Li ") + key + '\n'));
   }
 }

@@ -3,6 +3,7 @@
 
 #include <gmock/gmock.h>
 
+#include <chrono>
 #include <csignal>
 #include <vector>
 
@@ -38,6 +39,19 @@ TEST(Repetition, ASignalEndsItAfterTheRoundAtHand) {
 TEST(Repetition, ASignalCutsThePauseShort) {
   // A day's pause: the test would not end without it.
   EXPECT_THAT(rounds({.count = 0, .intervalMs = 86400000}, 1, SIGINT), testing::ElementsAre(1));
+}
+
+TEST(Interrupt, CountsSignalsAndSleepsThroughThoseThatAreKnown) {
+  const Interrupt interrupt;
+  EXPECT_EQ(interrupt.count(), 0U);
+  std::raise(SIGINT);
+  std::raise(SIGTERM);
+  EXPECT_EQ(interrupt.count(), 2U);
+  // A day, unless there is one more than is known.
+  interrupt.sleep(86400000, 1);
+  const auto before = std::chrono::steady_clock::now();
+  interrupt.sleep(60, 2);
+  EXPECT_GE(std::chrono::steady_clock::now() - before, std::chrono::milliseconds(60));
 }
 
 TEST(Interrupt, PutsTheFormerHandlersBack) {

@@ -4,8 +4,11 @@
 #include "vboard/board/TriStateBuffer.h"
 #include "vboard/chips/Decoder3to8.h"
 #include "vboard/chips/Hc595.h"
+#include "vboard/chips/L6470.h"
 #include "vboard/chips/Lv165a.h"
 #include "vboard/chips/Mcp3201.h"
+#include "vboard/chips/Powerstep01.h"
+#include "vboard/chips/StepperMotor.h"
 
 namespace vboard {
 
@@ -24,7 +27,8 @@ constexpr Kind kind() {
 }
 
 constexpr Kind kKinds[] = {
-    kind<Decoder3to8>(), kind<Hc595>(), kind<Lv165a>(), kind<Mcp3201>(), kind<TriStateBuffer>(),
+    kind<Decoder3to8>(), kind<Hc595>(),       kind<L6470>(),        kind<Lv165a>(),
+    kind<Mcp3201>(),     kind<Powerstep01>(), kind<StepperMotor>(), kind<TriStateBuffer>(),
 };
 
 }  // namespace

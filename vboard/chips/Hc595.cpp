@@ -186,20 +186,9 @@ void Hc595::addProperties() {
                },
                numberSetter(kSupplyMin, kSupplyMax, [this](double volts) { setSupply(volts); }),
                false});
-  addProperty({"poison", "", "noise (true, unless set) or zeros in the registers at power-up",
-               [this]() -> PropertyValue {
-                 const auto guard = lock();
-                 return poison_;
-               },
-               [this](const PropertyValue& value) -> std::optional<std::string> {
-                 const bool* poison = std::get_if<bool>(&value);
-                 if (poison == nullptr) {
-                   return "must be true or false";
-                 }
-                 setPoison(*poison);
-                 return std::nullopt;
-               },
-               false});
+  addProperty(boolProperty(
+      "poison", "noise (true, unless set) or zeros in the registers at power-up",
+      [this] { return poison_; }, [this](bool poison) { setPoison(poison); }));
   addProperty({"outputs",
                "",
                "the latched byte, QA is bit 0",

@@ -5,6 +5,8 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <string_view>
+#include <vector>
 
 #include "vboard/board/Property.h"
 
@@ -13,6 +15,15 @@ namespace vboard {
 /// The setter of a property that takes a number between two limits.
 std::function<std::optional<std::string>(const PropertyValue&)> numberSetter(
     double lowest, double highest, std::function<void(double)> set);
+
+/// A knob that is on or off.
+Property boolProperty(std::string name, std::string help, std::function<bool()> get,
+                      std::function<void(bool)> set);
+
+/// A knob that is one of several words, counted from 0.
+Property choiceProperty(std::string name, std::string help,
+                        const std::vector<std::string_view>& words, std::function<size_t()> get,
+                        std::function<void(size_t)> set);
 
 }  // namespace vboard
 

@@ -1,0 +1,25 @@
+# SPDX-License-Identifier: MIT
+# cmake -DFOLDER=.../varnel -DHEADERS="common/a.h;chips/b/c.h" -P CheckUmbrella.cmake: varnel.h
+# includes every public header of the library, and no chip's header was forgotten among them.
+cmake_minimum_required(VERSION 3.25)
+if(NOT HEADERS)
+  message(FATAL_ERROR "no headers to check")
+endif()
+file(READ ${FOLDER}/varnel.h text)
+foreach(header IN LISTS HEADERS)
+  if(NOT EXISTS ${FOLDER}/${header})
+    message(SEND_ERROR "there is no varnel/${header}")
+  endif()
+  string(FIND "${text}" "\n#include \"varnel/${header}\"\n" position)
+  if(position EQUAL -1 AND NOT header STREQUAL "varnel.h")
+    message(SEND_ERROR "varnel/varnel.h does not include varnel/${header}")
+  endif()
+endforeach()
+
+file(GLOB_RECURSE found RELATIVE ${FOLDER} ${FOLDER}/*.h)
+list(FILTER found EXCLUDE REGEX "_p\\.h$")
+foreach(header IN LISTS found)
+  if(NOT header IN_LIST HEADERS)
+    message(SEND_ERROR "varnel/${header} is not among the public headers")
+  endif()
+endforeach()

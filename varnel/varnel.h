@@ -1,0 +1,20 @@
+// SPDX-License-Identifier: MIT
+#ifndef VARNEL_VARNEL_H
+#define VARNEL_VARNEL_H
+
+/// @file
+/// The whole library. A program that uses one chip includes that chip's header instead.
+
+#include "varnel/chips/analogin/SpiAnalogIn1x12Bit_MCP3201.h"
+#include "varnel/chips/digin/SpiDigIn8Bit_LV165A.h"
+#include "varnel/chips/digout/SpiDigOut8Bit_HC595.h"
+#include "varnel/chips/motordriver/MotorDriver1ChnL6470.h"
+#include "varnel/chips/motordriver/MotorDriver1ChnPowerSTEP01.h"
+#include "varnel/chips/motordriver/STMicroSteppingMotorDriver.h"
+#include "varnel/common/Export.h"
+#include "varnel/common/LinuxIoPinAddressDecoder.h"
+#include "varnel/common/LinuxSpiBus.h"
+#include "varnel/common/LinuxSpiDevice.h"
+#include "varnel/common/TransferInfo.h"
+
+#endif
