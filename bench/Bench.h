@@ -50,6 +50,7 @@ inline void check(bool good, const char* what) {
 /// Counts the system calls on the board's nodes, and the heap allocations, of one call.
 Operation count(std::string name, vboard::Board& board, const std::function<void()>& call);
 
+void addDeltaSigma(Suite& suite);
 void addHc595(Suite& suite);
 void addLv165a(Suite& suite);
 void addMcp3201(Suite& suite);

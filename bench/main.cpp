@@ -84,6 +84,7 @@ int main(int argc, char** argv) {
   bench::addMcp3201(suite);
   bench::addHc595(suite);
   bench::addLv165a(suite);
+  bench::addDeltaSigma(suite);
   bench::addStepper(suite);
   bench::addVboard(suite);
 

@@ -1,12 +1,15 @@
 // SPDX-License-Identifier: MIT
 // varnel_bench_reads CHIP COUNT [OPERATION]: that many operations, for counting instructions under
-// callgrind. The stepper controllers have several.
+// callgrind. The stepper controllers have several; a converter converts and reads its channels.
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <initializer_list>
 #include <string_view>
 
 #include "varnel/chips/analogin/SpiAnalogIn1x12Bit_MCP3201.h"
+#include "varnel/chips/analogin/SpiAnalogIn2x24BitADS1248.h"
+#include "varnel/chips/analogin/SpiAnalogIn4x24BitADS1256.h"
 #include "varnel/chips/digin/SpiDigIn8Bit_LV165A.h"
 #include "varnel/chips/digout/SpiDigOut8Bit_HC595.h"
 #include "varnel/chips/motordriver/MotorDriver1ChnL6470.h"
@@ -58,14 +61,19 @@ const StepperOperation* stepperOperation(std::string_view name) {
   return nullptr;
 }
 
-}  // namespace
+/// All but START of a converter: select on line 1, DRDY 2, RESET 3.
+void connectConverter(vboard::Board& board, vboard::DeltaSigma& adc, vboard::SpiBus& spi,
+                      vboard::GpioChip& gpio) {
+  board.attach(adc, spi);
+  board.connect(adc.pin("CS"), gpio.line(1));
+  board.connect(adc.pin("DRDY"), gpio.line(2));
+  board.connect(adc.pin("RESET"), gpio.line(3));
+}
 
-int main(int argc, char** argv) {
-  const std::string_view chip = argc >= 3 ? argv[1] : "";
-  const StepperOperation* operation = argc == 4 ? stepperOperation(argv[3]) : nullptr;
-  vboard::Board board;
+/// Bus, lines, and the chip of that name if there is a model for it.
+bool addChip(vboard::Board& board, std::string_view chip) {
   vboard::SpiBus& spi = board.addSpiBus({.number = 1});
-  vboard::GpioChip& gpio = board.addGpioChip({.lines = 1});
+  vboard::GpioChip& gpio = board.addGpioChip({.lines = 5});
   if (chip == "mcp3201") {
     auto& adc = board.add<vboard::Mcp3201>("adc");
     board.attach(adc, spi);
@@ -78,10 +86,55 @@ int main(int argc, char** argv) {
     auto& inputs = board.add<vboard::Lv165a>("inputs");
     board.attach(inputs, spi);
     board.connect(inputs.pin("SH/LD"), gpio.line(0));
-  } else if ((chip != "l6470" && chip != "powerstep01") || operation == nullptr) {
+  } else if (chip == "ads1248") {
+    auto& adc = board.add<vboard::Ads1248>("adc");
+    connectConverter(board, adc, spi, gpio);
+    board.connect(adc.pin("START"), gpio.line(4));
+    adc.setReference(1, 2.5);
+    adc.setInput(0, 0.1);
+  } else if (chip == "ads1256") {
+    auto& adc = board.add<vboard::Ads1256>("adc");
+    connectConverter(board, adc, spi, gpio);
+    adc.setInput(0, 1.0);
+  } else {
+    return false;
+  }
+  return true;
+}
+
+/// Starts a converter, at its highest rate if it has several.
+bool start(vboard::Board& board, Varnel::CSpiAnalogIn2x24Bit_ADS1248* ads1248,
+           Varnel::ISpiAnalogInDevice& converter) {
+  if (converter.open() != 0) {
+    return false;
+  }
+  board.advance(std::chrono::milliseconds(20));
+  return ads1248 == nullptr ||
+         ads1248->setDataRate(Varnel::CSpiAnalogIn2x24Bit_ADS1248::DRATE_2000_SPS) == 0;
+}
+
+/// A conversion, and what it brought.
+TErrCode convert(Varnel::ISpiAnalogInDevice& converter) {
+  const TErrCode code = converter.doConversion();
+  int32_t sum = 0;
+  for (uint16_t channel = 0; channel < converter.numberOfChannels(); ++channel) {
+    sum |= converter.readChannel(channel);
+  }
+  return code < 0 || sum == 0 ? -1 : 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const std::string_view chip = argc >= 3 ? argv[1] : "";
+  const StepperOperation* operation = argc == 4 ? stepperOperation(argv[3]) : nullptr;
+  // Calls take long enough for the start-up of the converters.
+  vboard::Board board({.callCost = std::chrono::microseconds(100)});
+  if (!addChip(board, chip) &&
+      ((chip != "l6470" && chip != "powerstep01") || operation == nullptr)) {
     // The stepper controllers' bytes are the same without a chip, and no motion is planned.
     std::fprintf(stderr,
-                 "usage: varnel_bench_reads hc595|lv165a|mcp3201 COUNT\n"
+                 "usage: varnel_bench_reads ads1248|ads1256|hc595|lv165a|mcp3201 COUNT\n"
                  "       varnel_bench_reads l6470|powerstep01 COUNT OPERATION\n");
     return 2;
   }
@@ -92,21 +145,36 @@ int main(int argc, char** argv) {
   Varnel::CSpiAnalogIn1x12Bit_MCP3201 adc;
   Varnel::CSpiDigOut8Bit_HC595 outputs;
   Varnel::CSpiDigIn8Bit_LV165A inputs;
+  Varnel::CSpiAnalogIn2x24Bit_ADS1248 ads1248;
+  ads1248.configurePins(4, 2, 3);
+  Varnel::CSpiAnalogIn4x24Bit_ADS1256 ads1256;
+  ads1256.configurePins(3, 2);
+  Varnel::CGpioPinChipSelector select(1, Orv::PIN_MODE_INVERT);
   Varnel::CMotorDriver1ChnL6470 l6470;
   Varnel::CMotorDriver1ChnPowerSTEP01 powerstep01;
   for (Varnel::CLinuxSpiDevice* device : std::initializer_list<Varnel::CLinuxSpiDevice*>{
-           &adc, &outputs, &inputs, &l6470, &powerstep01}) {
+           &adc, &outputs, &inputs, &ads1248, &ads1256, &l6470, &powerstep01}) {
     device->setBus(&bus);
     device->setLatchPin(&latch);
   }
-  if (latch.connect() != 0 || bus.open() != 0) {
+  if (latch.connect() != 0 || select.connect() != 0 ||
+      bus.setSpiSpeedKHz(chip == "ads1256" ? 75 : 500) != 0 || bus.open() != 0) {
+    return 1;
+  }
+  ads1248.setChipSelector(&select);
+  ads1256.setChipSelector(&select);
+  const bool fast = chip == "ads1248";
+  Varnel::ISpiAnalogInDevice* converter = fast ? &ads1248 : nullptr;
+  converter = chip == "ads1256" ? &ads1256 : converter;
+  if (converter != nullptr && !start(board, fast ? &ads1248 : nullptr, *converter)) {
     return 1;
   }
   Stepper& stepper = chip == "l6470" ? static_cast<Stepper&>(l6470) : powerstep01;
   for (int i = std::atoi(argv[2]); i > 0; --i) {
     uint16_t code = 0;
-    const TErrCode result = operation != nullptr ? operation->call(stepper)
-                            : chip == "mcp3201"  ? adc.readInput(&code, true)
+    const TErrCode result = operation != nullptr   ? operation->call(stepper)
+                            : converter != nullptr ? convert(*converter)
+                            : chip == "mcp3201"    ? adc.readInput(&code, true)
                             : chip == "hc595"
                                 ? outputs.writeOutputs(static_cast<uint8_t>(i & 0x7F), true)
                                 : inputs.readInputs(true);

@@ -201,13 +201,14 @@ void App::addSelectOptions() {
       ->needs(expander);
 }
 
-CLI::App& App::addChip(const ChipInfo& chip) {
+void App::addChip(const ChipInfo& chip, const AddOperations& addOperations) {
   CLI::App* const command = cli_.add_subcommand(std::string(chip.name), std::string(chip.about));
   command->require_subcommand(1);
   command->fallthrough();
   command->footer("");
+  command->preparse_callback(
+      [this, command, addOperations](size_t) { addOperations(*this, *command); });
   chips_.push_back({command, &chip});
-  return *command;
 }
 
 CLI::App& App::addOperation(CLI::App& chip, const std::string& name, const std::string& about,
@@ -263,6 +264,7 @@ int App::runOperation(std::ostream& out, std::ostream& err) {
   for (const Operation& operation : operations_) {
     if (operation.command->parsed()) {
       checkSelect(*operation.chip);
+      options_.speedGiven = cli_.get_option("--speed")->count() > 0;
       return operation.action({options_, out, err});
     }
   }

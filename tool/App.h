@@ -32,8 +32,12 @@ class App {
 
   App();
 
-  /// Adds "varnel CHIP", which needs an operation after it.
-  CLI::App& addChip(const ChipInfo& chip);
+  /// Adds the operations of a chip to "varnel CHIP".
+  using AddOperations = std::function<void(App& app, CLI::App& chip)>;
+
+  /// Adds "varnel CHIP", which needs an operation after it. The operations are added when the
+  /// command line names the chip, and not otherwise: there are many, and one is asked for.
+  void addChip(const ChipInfo& chip, const AddOperations& addOperations);
   /// Adds "varnel CHIP OPERATION" with its examples, whole command lines.
   CLI::App& addOperation(CLI::App& chip, const std::string& name, const std::string& about,
                          const std::string& examples, Action action);

@@ -27,6 +27,8 @@ constexpr StepText kSteps[] = {
      "gpioinfo shows whether the line is still there; the chip may still be selected"},
     {Step::Latch, "can't write GPIO line {pin}, the latch of the {chip} ({option})",
      "gpioinfo shows whether the line is still there"},
+    {Step::ControlLines, "can't drive a GPIO line of the {chip}, one of {pin} ({option})",
+     "gpioinfo shows whether the lines are still there, and whether one is given twice"},
     {Step::Transfer, "can't transfer with the {chip} on {node}",
      "a lower --speed; dmesg shows what the controller's driver says"},
     {Step::ExpanderSelectLatch,

@@ -18,6 +18,7 @@ enum class Step : uint8_t {
   Select,                    ///< driving the chip select
   Deselect,                  ///< releasing the chip select
   Latch,                     ///< pulsing the chip's own latch line
+  ControlLines,              ///< taking or driving lines that a driver connects by itself
   Transfer,                  ///< exchanging data with the chip
   ExpanderSelectLatch,       ///< writing the expander's latch line to select the chip
   ExpanderSelectTransfer,    ///< shifting the chip's address into the expander

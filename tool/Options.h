@@ -16,6 +16,7 @@ namespace tool {
 struct GlobalOptions {
   std::string node = "/dev/spidev1.0";
   uint16_t speedKHz = 500;
+  bool speedGiven = false;
   /// Without it the node's own chip select is all that selects the chip.
   std::optional<PinSpec> selectPin;
   bool selectActiveLow = false;

@@ -3,6 +3,7 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <ostream>
 #include <stdexcept>
@@ -13,6 +14,11 @@ namespace {
 
 constexpr std::string_view kSelectOption = "--cs";
 constexpr std::string_view kExpanderOption = "--expander";
+
+uint16_t busSpeedKHz(const GlobalOptions& options, const ChipInfo& chip) {
+  const bool own = !options.speedGiven && chip.ownKHz != 0;
+  return std::min(own ? chip.ownKHz : options.speedKHz, chip.highestKHz);
+}
 
 }  // namespace
 
@@ -112,7 +118,7 @@ void Session::open() {
         connectPin(options_.expander->latch, kExpanderOption, Orv::OUTPUT_PIN, Orv::PIN_MODE_HW);
   }
   bus_.setSPIDevice(options_.node);
-  bus_.setSpiSpeedKHz(options_.speedKHz);
+  bus_.setSpiSpeedKHz(busSpeedKHz(options_, chip_));
   if (chip_.openMode && !options_.selectPin && !options_.expander) {
     bus_.setMode(*chip_.openMode);
   }

@@ -42,6 +42,11 @@ struct ChipInfo {
   /// SPI mode of a chip at the node's own select that would take the transfer after a change of
   /// mode for a command: the bus is opened in this mode then.
   std::optional<uint8_t> openMode = {};
+  /// The bus clock where none is given; 0: the tool's own default.
+  uint16_t ownKHz = 0;
+  /// No faster clock is set, whatever is given: on a faster bus the driver of a chip that is
+  /// selected over several transfers would change the clock between them.
+  uint16_t highestKHz = 65535;
 };
 
 /// A chip select pin whose failures are noted.

@@ -6,6 +6,9 @@
 /// The whole library. A program that uses one chip includes that chip's header instead.
 
 #include "varnel/chips/analogin/SpiAnalogIn1x12Bit_MCP3201.h"
+#include "varnel/chips/analogin/SpiAnalogIn2x24BitADS1248.h"
+#include "varnel/chips/analogin/SpiAnalogIn4x24BitADS1256.h"
+#include "varnel/chips/analogin/SpiAnalogInDevice.h"
 #include "varnel/chips/digin/SpiDigIn8Bit_LV165A.h"
 #include "varnel/chips/digout/SpiDigOut8Bit_HC595.h"
 #include "varnel/chips/motordriver/MotorDriver1ChnL6470.h"

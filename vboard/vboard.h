@@ -8,6 +8,8 @@
 #include "vboard/board/Signal.h"          // IWYU pragma: export
 #include "vboard/board/TriStateBuffer.h"  // IWYU pragma: export
 #include "vboard/board/WireLog.h"         // IWYU pragma: export
+#include "vboard/chips/Ads1248.h"         // IWYU pragma: export
+#include "vboard/chips/Ads1256.h"         // IWYU pragma: export
 #include "vboard/chips/Catalog.h"         // IWYU pragma: export
 #include "vboard/chips/Decoder3to8.h"     // IWYU pragma: export
 #include "vboard/chips/Hc595.h"           // IWYU pragma: export

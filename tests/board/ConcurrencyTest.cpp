@@ -4,11 +4,17 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <functional>
 #include <memory>
 #include <thread>
 #include <vector>
 
 #include "varnel/chips/analogin/SpiAnalogIn1x12Bit_MCP3201.h"
+#include "varnel/chips/analogin/SpiAnalogIn2x24BitADS1248.h"
+#include "varnel/chips/analogin/SpiAnalogIn4x24BitADS1256.h"
 #include "vboard/vboard.h"
 
 namespace {
@@ -96,6 +102,123 @@ TEST(Concurrency, ReadingsOfFourConvertersOnTwoBusesDoNotDisturbEachOther) {
   EXPECT_THAT(wrongReadings, testing::Each(0));
   EXPECT_EQ(overlaps.transfers, 4 * kReadings);
   EXPECT_EQ(overlaps.wrong, 0);
+  EXPECT_EQ(fixture.board.violationCount(), 0U);
+  for (Varnel::CLinuxSpiBus& bus : buses) {
+    EXPECT_EQ(bus.close(), 0);
+  }
+}
+
+/// An ADS1248 on bus 0 and an ADS1256 on bus 1, at speeds and call costs that they can follow.
+struct TwoSlowConverters {
+  TwoSlowConverters() {
+    vboard::GpioChip& gpio = board.addGpioChip({.lines = 8});
+    board.attach(two, board.addSpiBus({.number = 0}));
+    board.attach(four, board.addSpiBus({.number = 1}));
+    board.connect(two.pin("CS"), gpio.line(0));
+    board.connect(four.pin("CS"), gpio.line(1));
+    board.connect(two.pin("START"), gpio.line(2));
+    board.connect(two.pin("DRDY"), gpio.line(3));
+    board.connect(two.pin("RESET"), gpio.line(4));
+    board.connect(four.pin("RESET"), gpio.line(5));
+    board.connect(four.pin("DRDY"), gpio.line(6));
+    for (const int line : {0, 1, 4, 5}) {
+      board.netOf(gpio.line(line)).setPull(vboard::Pull::Up);
+    }
+    two.setReference(1, 2.5);
+    two.setInput(0, 0.0625);  // a fifth of full scale at a gain of 8
+    two.setInput(7, -0.0625);
+    for (int channel = 0; channel < 4; ++channel) {
+      four.setInput(2 * channel, 0.5 * (channel + 1));  // fifths at a gain of 2
+    }
+    kernel = std::make_unique<vboard::Kernel>(board);
+  }
+  vboard::Board board{{.callCost = std::chrono::microseconds(50)}};
+  vboard::Ads1248& two = board.add<vboard::Ads1248>("two");
+  vboard::Ads1256& four = board.add<vboard::Ads1256>("four");
+  std::unique_ptr<vboard::Kernel> kernel;
+};
+
+/// The code of some fifths of full scale.
+int32_t fifths(int number) {
+  return (number * 0x7FFFFF / 5) & 0xFFFFFF;
+}
+
+TEST(Concurrency, CachesOfSlowConvertersCanBeReadWhileTheyConvert) {
+  constexpr int kConversions = 25;
+  TwoSlowConverters fixture;
+  std::array<Varnel::CLinuxSpiBus, 2> buses;
+  buses[0].setSPIDevice("/dev/spidev0.0");
+  ASSERT_EQ(buses[0].setSpiSpeedKHz(2000), 0);
+  buses[1].setSPIDevice("/dev/spidev1.0");
+  ASSERT_EQ(buses[1].setSpiSpeedKHz(75), 0);
+  Varnel::CGpioPinChipSelector selectTwo(0, Orv::PIN_MODE_INVERT);
+  Varnel::CGpioPinChipSelector selectFour(1, Orv::PIN_MODE_INVERT);
+  Varnel::CSpiAnalogIn2x24Bit_ADS1248 two;
+  Varnel::CSpiAnalogIn4x24Bit_ADS1256 four;
+  ASSERT_EQ(selectTwo.connect(), 0);
+  ASSERT_EQ(selectFour.connect(), 0);
+  for (Varnel::CLinuxSpiBus& bus : buses) {
+    ASSERT_EQ(bus.open(), 0);
+  }
+  two.setBus(&buses[0]);
+  two.setChipSelector(&selectTwo);
+  two.configurePins(2, 3, 4);
+  four.setBus(&buses[1]);
+  four.setChipSelector(&selectFour);
+  four.configurePins(5, 6);
+  ASSERT_EQ(two.open(), 0);
+  ASSERT_EQ(four.open(), 0);
+  ASSERT_EQ(two.setDataRate(two.DRATE_640_SPS), 0);
+  fixture.board.advance(std::chrono::milliseconds(20));
+
+  std::atomic<int> failures{0};
+  std::atomic<int> converting{2};
+  const auto near = [](int32_t code, int32_t expected) {
+    return code == 0 || std::abs(code - expected) <= 1;
+  };
+  const auto readUntilDone = [&](const std::function<bool()>& once) {
+    do {
+      failures += once() ? 0 : 1;
+    } while (converting > 0);
+  };
+  std::vector<std::thread> threads;
+  threads.emplace_back([&] {
+    for (int i = 0; i < kConversions; ++i) {
+      failures += two.doConversion() == 0 ? 0 : 1;
+      // Restarts the filter, so that the next call has to wait.
+      const uint8_t rate = i % 2 == 0 ? two.DRATE_1000_SPS : two.DRATE_640_SPS;
+      failures += two.setDataRate(rate) == 0 ? 0 : 1;
+    }
+    --converting;
+  });
+  threads.emplace_back([&] {
+    for (int i = 0; i < kConversions; ++i) {
+      failures += four.doConversion() == 0 ? 0 : 1;
+    }
+    --converting;
+  });
+  threads.emplace_back(readUntilDone, [&] {
+    const uint8_t rate = two.dataRate();
+    return near(two.readChannel(0), fifths(1)) && near(two.readChannel(1), fifths(-1)) &&
+           two.pGAGain() == 3 && (rate == two.DRATE_640_SPS || rate == two.DRATE_1000_SPS);
+  });
+  threads.emplace_back(readUntilDone, [&] {
+    bool right = four.numberOfChannels() == 4;
+    for (uint16_t i = 0; i < 4; ++i) {
+      right = right && near(four.readChannel(i), fifths(i + 1));
+    }
+    return right;
+  });
+  for (std::thread& thread : threads) {
+    thread.join();
+  }
+
+  EXPECT_EQ(failures, 0);
+  EXPECT_NEAR(two.readChannel(0), fifths(1), 1);
+  EXPECT_NEAR(two.readChannel(1), fifths(-1), 1);
+  for (uint16_t i = 0; i < 4; ++i) {
+    EXPECT_NEAR(four.readChannel(i), fifths(i + 1), 1);
+  }
   EXPECT_EQ(fixture.board.violationCount(), 0U);
   for (Varnel::CLinuxSpiBus& bus : buses) {
     EXPECT_EQ(bus.close(), 0);

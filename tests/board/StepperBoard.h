@@ -27,7 +27,7 @@ class StepperBoard : public testing::Test {
     board.connect(chip.pin("FLAG"), gpio.line(24));
     board.connect(motor.pin("PHASES"), chip.pin("OUT"));
     board.connect(motor.pin("LIMIT"), chip.pin("SW"));
-    for (const unsigned line : {23U, 24U, 25U}) {
+    for (const int line : {23, 24, 25}) {
       board.netOf(gpio.line(line)).setPull(vboard::Pull::Up);
     }
   }

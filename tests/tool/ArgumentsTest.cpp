@@ -17,12 +17,24 @@ namespace {
 
 /// Every help page.
 const std::string kPages[] = {
-    "--help",         "-h",
-    "mcp3201 --help", "mcp3201 read --help",
-    "hc595 --help",   "hc595 write --help",
-    "lv165a --help",  "lv165a read --help",
-    "address --help", "address write --help",
-    "l6470 --help",   "powerstep01 --help",
+    "--help",
+    "-h",
+    "mcp3201 --help",
+    "mcp3201 read --help",
+    "ads1248 --help",
+    "ads1248 read --help",
+    "ads1248 rate --help",
+    "ads1248 gain --help",
+    "ads1256 --help",
+    "ads1256 read --help",
+    "hc595 --help",
+    "hc595 write --help",
+    "lv165a --help",
+    "lv165a read --help",
+    "address --help",
+    "address write --help",
+    "l6470 --help",
+    "powerstep01 --help",
 };
 
 /// The words of both stepper controllers.
@@ -59,14 +71,14 @@ INSTANTIATE_TEST_SUITE_P(
     Tool, BadArguments,
     testing::Values(
         BadLine{"",
-                "varnel: a subcommand is missing: mcp3201, hc595, lv165a, l6470, "
+                "varnel: a subcommand is missing: mcp3201, ads1248, ads1256, hc595, lv165a, l6470, "
                 "powerstep01, address\n  try: varnel "
                 "--help\n"},
         BadLine{"mcp3201", "varnel: a subcommand is missing: read\n  try: varnel mcp3201 --help\n"},
         BadLine{
             "bogus",
-            "varnel: 'bogus' is no subcommand here; subcommands: mcp3201, hc595, lv165a, l6470, "
-            "powerstep01, address\n"
+            "varnel: 'bogus' is no subcommand here; subcommands: mcp3201, ads1248, ads1256, hc595, "
+            "lv165a, l6470, powerstep01, address\n"
             "  try: varnel --help\n"},
         BadLine{"mcp3201 raed",
                 "varnel: 'raed' is no subcommand here; subcommands: read\n"
@@ -312,6 +324,56 @@ INSTANTIATE_TEST_SUITE_P(
                 "byte has to be a select of its own in mode 3, and would have others around it in "
                 "mode 0\n  try: varnel powerstep01 stop --help\n"}));
 
+INSTANTIATE_TEST_SUITE_P(
+    Converters, BadArguments,
+    testing::Values(
+        BadLine{"ads1248",
+                "varnel: a subcommand is missing: read, rate, gain\n"
+                "  try: varnel ads1248 --help\n"},
+        BadLine{"ads1248 read --drdy 24 --reset 23",
+                "varnel: --start is required\n  try: varnel ads1248 read --help\n"},
+        BadLine{"ads1248 read --start 22 --drdy 24",
+                "varnel: --reset is required\n  try: varnel ads1248 read --help\n"},
+        BadLine{"ads1248 read --start 22 --drdy gpiochip0 --reset 23",
+                "varnel: --drdy: 'gpiochip0' is a chip: name one of its lines, e.g. gpiochip0:15\n"
+                "  try: varnel ads1248 read --help\n"},
+        BadLine{"ads1248 read --start 22 --drdy 24 --reset 23 --rate 81",
+                "varnel: --rate: '81' is none of 5, 10, 20, 40, 80, 160, 320, 640, 1000, 2000\n"
+                "  try: varnel ads1248 read --help\n"},
+        BadLine{"ads1248 read --start 22 --drdy 24 --reset 23 --gain 0",
+                "varnel: --gain: '0' is none of 1, 2, 4, 8, 16, 32, 64, 128\n"
+                "  try: varnel ads1248 read --help\n"},
+        BadLine{"ads1248 read --start 22 --drdy 24 --reset 23 --vref1 0",
+                "varnel: --vref1: '0' is not a voltage above 0\n"
+                "  try: varnel ads1248 read --help\n"},
+        BadLine{"ads1248 rate --start 22 --drdy 24 --reset 23",
+                "varnel: RATE is required\n  try: varnel ads1248 rate --help\n"},
+        BadLine{"ads1248 gain 3 --start 22 --drdy 24 --reset 23",
+                "varnel: GAIN: '3' is none of 1, 2, 4, 8, 16, 32, 64, 128\n"
+                "  try: varnel ads1248 gain --help\n"},
+        BadLine{"ads1248 read --start 22 --drdy 24 --reset 23 --expander 21:3",
+                "varnel: --expander: the ADS1248 can't be selected through an expander: it needs "
+                "SPI mode 1, and the transfer that selects it leaves the bus in mode 0\n"
+                "  try: varnel ads1248 read --help\n"},
+        BadLine{"ads1256 read --drdy 24 --reset 23 --expander 21:3:implicit",
+                "varnel: --expander: the ADS1256 can't be selected through an expander: it needs "
+                "SPI mode 1, and the transfer that selects it leaves the bus in mode 0\n"
+                "  try: varnel ads1256 read --help\n"},
+        BadLine{"ads1256 read --reset 23",
+                "varnel: --drdy is required\n  try: varnel ads1256 read --help\n"},
+        BadLine{"ads1256 read --drdy 24 --reset 23 --channels 0,4",
+                "varnel: --channels: '4' is not a channel from 0 to 3\n"
+                "  try: varnel ads1256 read --help\n"},
+        BadLine{"ads1256 read --drdy 24 --reset 23 --channels 0,",
+                "varnel: --channels: '' is not a channel from 0 to 3\n"
+                "  try: varnel ads1256 read --help\n"},
+        BadLine{"ads1256 read --drdy 24 --reset 23 --channels 0,1,0",
+                "varnel: --channels: '0' stands there twice\n"
+                "  try: varnel ads1256 read --help\n"},
+        BadLine{"ads1256 read --drdy 24 --reset 23 --vref -1",
+                "varnel: --vref: '-1' is not a voltage above 0\n"
+                "  try: varnel ads1256 read --help\n"}));
+
 TEST(Arguments, AnExpanderExcludesASelectPin) {
   const ToolRun run = runLine("mcp3201 read --expander 22:3 --cs 25");
   EXPECT_EQ(run.status, 2);
@@ -366,7 +428,7 @@ TEST(Help, EveryExampleIsAcceptedAsItStands) {
       ++examples;
     }
   }
-  EXPECT_GE(examples, 66);
+  EXPECT_GE(examples, 74);
 }
 
 TEST(Help, TellsWhatTheWiringMustBe) {
@@ -404,16 +466,17 @@ TEST(ManualPage, HasExactlyTheOptionsOfTheHelpPages) {
     help += runLine(page).out;
   }
   const auto inHelp = optionsIn(help, "\n  (?:-h,)?--([a-z0-9-]+)");
-  EXPECT_EQ(inHelp.size(), 27U);
+  EXPECT_EQ(inHelp.size(), 35U);
   EXPECT_EQ(optionsIn(manualPage(), "\n\\.It (?:Fl h , )?Fl -([a-z0-9-]+)"), inHelp);
 }
 
 TEST(ManualPage, NamesTheMembersOfJsonObjects) {
   const std::string page = manualPage();
-  for (const char* key : {"chip",     "reading",   "code",   "volts",   "value",    "chain",
-                          "latch",    "inputs",    "bits",   "address", "pins",     "time",
-                          "position", "speed",     "state",  "busy",    "command",  "status",
-                          "bridges",  "direction", "switch", "alarms",  "register", "meaning"}) {
+  for (const char* key :
+       {"chip",    "reading",   "code",    "volts",  "value",    "chain",    "latch",
+        "inputs",  "bits",      "address", "pins",   "time",     "position", "speed",
+        "state",   "busy",      "command", "status", "channel",  "rate",     "gain",
+        "bridges", "direction", "switch",  "alarms", "register", "meaning"}) {
     EXPECT_THAT(page, HasSubstr(std::string("\n.It Li ") + key + '\n'));
   }
 }

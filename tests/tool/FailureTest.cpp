@@ -80,6 +80,8 @@ TEST(Failure, EveryStepHasItsOwnCallAndSomethingToTry) {
   EXPECT_THAT(message(Step::SetUpNode, EIO), StartsWith("can't set up /dev/spidev1.0"));
   EXPECT_THAT(message(Step::Select, EIO), StartsWith("can't select the MCP3201 with GPIO line"));
   EXPECT_THAT(message(Step::Deselect, EIO), StartsWith("can't release the MCP3201 with GPIO line"));
+  EXPECT_THAT(message(Step::ControlLines, EIO),
+              StartsWith("can't drive a GPIO line of the MCP3201, one of GPIO25 (--cs): "));
   EXPECT_THAT(message(Step::Transfer, EIO), StartsWith("can't transfer with the MCP3201"));
   EXPECT_THAT(message(Step::Latch, EIO),
               StartsWith("can't write GPIO line GPIO25, the latch of the MCP3201"));

@@ -19,12 +19,14 @@ struct Step {
   std::string line;             ///< `close(7) = 0`
   std::string perrorText = {};  ///< empty: `perror` isn't called
   Lines places = {};            ///< who logs, innermost first: source file and function
+  bool ignored = false;         ///< its failure changes nothing: the operation goes on, silently
 };
 
 /// Runs an operation once, then once per fallible call and error with that call failing, each time
 /// on a fresh `Rig`. It checks, for every failure: the returned code; the journal, which is the
 /// good one up to the failing call plus its reports and nothing else; that the mutex is free; what
-/// the test says is left; and that the operation works again after the test's recovery.
+/// the test says is left; and that the operation works again after the test's recovery. Where a
+/// step is marked as ignored, the operation must instead go on and succeed.
 ///
 /// A `Rig` is default-constructible, prepares what the operation needs, and has a `wire::Wire wire`
 /// and a `std::recursive_mutex& mutex()`.
@@ -61,7 +63,11 @@ class FaultSweep {
       ++number;
       for (const int error : {EIO, EINVAL, ENODEV}) {
         SCOPED_TRACE("failing with " + std::to_string(error) + ": " + steps[i].line);
-        failingRun(steps, i, number, error);
+        if (steps[i].ignored) {
+          ignoringRun(steps, i, number, error);
+        } else {
+          failingRun(steps, i, number, error);
+        }
       }
     }
     EXPECT_GT(number, 0U) << "nothing in this operation can fail";
@@ -103,6 +109,19 @@ class FaultSweep {
     }
     EXPECT_EQ(operation_(rig), 0) << "after recovery";
     rig.wire.discard();
+  }
+
+  void ignoringRun(const std::vector<Step>& steps, size_t failing, unsigned number, int error) {
+    Rig rig;
+    rig.wire.discard();
+    rig.wire.failsCall(number, error);
+    EXPECT_EQ(operation_(rig), 0);
+    Lines expected = expectedJournal(steps, failing, error);
+    for (size_t i = failing + 1; i < steps.size(); ++i) {
+      expected.push_back(steps[i].line);
+    }
+    EXPECT_EQ(rig.wire.journal(), expected);
+    EXPECT_TRUE(isFree(rig.mutex()));
   }
 
   static Lines expectedJournal(const std::vector<Step>& steps, size_t failing, int error) {

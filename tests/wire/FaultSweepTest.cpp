@@ -82,6 +82,28 @@ TEST(FaultSweep, PassesWhenEveryFailureIsHandledAsSaid) {
   EXPECT_EQ(checked, 6) << "two calls, three errors";
 }
 
+/// Selects without looking at the result, then opens.
+TErrCode selectAnywayAndOpen(Rig& rig) {
+  rig.selector.enable(true);
+  return ::open("/dev/spidev0.0", O_RDWR) < 0 ? -errno : 0;
+}
+
+TEST(FaultSweep, PassesWhenAFailureSaidToBeIgnoredIs) {
+  FaultSweep<Rig>(selectAnywayAndOpen)
+      .run({{"select(chip, true) = 0", "", {}, true}, {"open(\"/dev/spidev0.0\", O_RDWR) = 7"}});
+}
+
+TEST(FaultSweep, FailsWhenAFailureSaidToBeIgnoredIsNot) {
+  EXPECT_EQ(
+      failuresAbout(sweep(selectAndOpen, {{"select(chip, true) = 0", "", {}, true}, kSteps[1]}),
+                    "operation_(rig)"),
+      3U);
+  EXPECT_EQ(
+      failuresAbout(sweep(selectAnywayAndOpen, {{"select(chip, true) = 0"}, {kSteps[1].line}}),
+                    "-error"),
+      3U);
+}
+
 TEST(FaultSweep, FailsForAWrongGoodJournal) {
   EXPECT_EQ(sweep(selectAndOpen, {{"select(chip, true) = 0"}}).size(), 1U);
 }

@@ -49,6 +49,8 @@ class Wire::State {
   void pinWritten(unsigned int pin, int level);
   /// Fills the receive buffers of a message.
   void receive(const spi_ioc_transfer* transfers, size_t count);
+  /// Whether the script had bytes for the buffer.
+  bool receiveScripted(uint8_t* buffer, size_t size);
   std::string transferText(const spi_ioc_transfer& transfer);
 
   struct Failure {
@@ -82,6 +84,7 @@ class Wire::State {
   std::map<unsigned int, int> pinLevels;
   std::vector<Buffer> buffers;
   std::function<void()> atEachCall;
+  Wire::Chip chip;
   unsigned failingCall = 0;  ///< counts down to the call that fails; 0: none
   int failingError = 0;
 

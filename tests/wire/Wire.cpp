@@ -147,22 +147,39 @@ void Wire::State::pinWritten(unsigned int pin, int level) {
 
 void Wire::State::receive(const spi_ioc_transfer* transfers, size_t count) {
   for (size_t i = 0; i < count; ++i) {
+    const auto* sent =
+        reinterpret_cast<const uint8_t*>(static_cast<uintptr_t>(transfers[i].tx_buf));
     auto* buffer = reinterpret_cast<uint8_t*>(static_cast<uintptr_t>(transfers[i].rx_buf));
-    if (buffer == nullptr) {
-      continue;
+    const size_t size = transfers[i].len;
+    // The receive buffer may be the transmit buffer.
+    const std::vector<uint8_t> bytes(sent, sent == nullptr ? sent : sent + size);
+    const bool scripted = buffer != nullptr && receiveScripted(buffer, size);
+    if (buffer != nullptr && !scripted) {
+      std::memset(buffer, kUnscriptedByte, size);
     }
-    const std::lock_guard<std::mutex> lock(mutex);
-    if (received.empty()) {
-      std::memset(buffer, kUnscriptedByte, transfers[i].len);
-      continue;
+    Chip answering;
+    {
+      const std::lock_guard<std::mutex> lock(mutex);
+      answering = chip;
     }
-    const size_t size = received.front().size();
-    if (size > transfers[i].len) {
-      ADD_FAILURE() << "the script has " << size << " bytes for a transfer of " << transfers[i].len;
+    if (answering) {
+      answering(sent == nullptr ? nullptr : bytes.data(), scripted ? nullptr : buffer, size);
     }
-    std::copy_n(received.front().begin(), std::min<size_t>(size, transfers[i].len), buffer);
-    received.pop_front();
   }
+}
+
+bool Wire::State::receiveScripted(uint8_t* buffer, size_t size) {
+  const std::lock_guard<std::mutex> lock(mutex);
+  if (received.empty()) {
+    return false;
+  }
+  const std::vector<uint8_t> bytes = received.front();
+  received.pop_front();
+  if (bytes.size() > size) {
+    ADD_FAILURE() << "the script has " << bytes.size() << " bytes for a transfer of " << size;
+  }
+  std::copy_n(bytes.begin(), std::min(bytes.size(), size), buffer);
+  return true;
 }
 
 std::string Wire::State::bufferText(uint64_t address) const {
@@ -280,6 +297,12 @@ Wire& Wire::answers(const std::string& request, uint32_t value) {
 Wire& Wire::receives(std::vector<uint8_t> bytes) {
   const std::lock_guard<std::mutex> lock(state_->mutex);
   state_->received.push_back(std::move(bytes));
+  return *this;
+}
+
+Wire& Wire::answersAs(Chip chip) {
+  const std::lock_guard<std::mutex> lock(state_->mutex);
+  state_->chip = std::move(chip);
   return *this;
 }
 

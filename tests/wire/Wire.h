@@ -110,6 +110,10 @@ class Wire {
   Wire& answers(const std::string& request, uint32_t value);
   /// What the next transfer with a receive buffer receives: these bytes and no more.
   Wire& receives(std::vector<uint8_t> bytes);
+  /// A chip double sees every journaled transfer that succeeds, and fills its receive buffer:
+  /// `received` is null without one, and where the script has bytes.
+  using Chip = std::function<void(const uint8_t* sent, uint8_t* received, size_t size)>;
+  Wire& answersAs(Chip chip);
   /// What the next reads of a pin give, one each.
   Wire& pinReads(unsigned int pin, std::initializer_list<int> values);
   /// Lets every further log call throw.

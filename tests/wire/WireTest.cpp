@@ -125,6 +125,32 @@ TEST(Wire, ReceivedBytesAreTheScriptedOnesAndNoMore) {
   wire.discard();
 }
 
+TEST(Wire, AChipDoubleAnswersWhatTheScriptDoesNot) {
+  Wire wire;
+  const int node = ::open("/dev/spidev0.0", O_RDWR);
+  std::vector<int> seen;
+  wire.answersAs([&seen](const uint8_t* sent, uint8_t* received, size_t size) {
+    seen.push_back(sent == nullptr ? -1 : sent[0]);
+    if (received != nullptr) {
+      received[size - 1] = 0x77;
+    }
+  });
+  uint8_t buffer[2] = {0x12, 0x34};
+  uint8_t rx[2] = {};
+  spi_ioc_transfer transfers[] = {transferOf(buffer, nullptr, 2), transferOf(nullptr, rx, 2),
+                                  transferOf(buffer, buffer, 2)};
+  wire.receives({0x01, 0x02});
+  EXPECT_EQ(::ioctl(node, SPI_IOC_MESSAGE(3), transfers), 6);
+  EXPECT_EQ(seen, (std::vector<int>{0x12, -1, 0x12}));
+  EXPECT_EQ(rx[1], 0x02) << "the script goes first";
+  EXPECT_EQ(buffer[0], wire::kUnscriptedByte);
+  EXPECT_EQ(buffer[1], 0x77);
+  wire.fails("MESSAGE", EIO);
+  EXPECT_EQ(::ioctl(node, SPI_IOC_MESSAGE(3), transfers), -1);
+  EXPECT_EQ(seen.size(), 3U) << "a failed message reaches no chip";
+  wire.discard();
+}
+
 TEST(Wire, SettingsReadBackAsWrittenOrAsScripted) {
   Wire wire;
   const int node = ::open("/dev/spidev0.0", O_RDWR);

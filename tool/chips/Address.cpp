@@ -86,10 +86,7 @@ void checkOptions(const WriteOptions& options) {
   }
 }
 
-}  // namespace
-
-void registerAddress(App& app) {
-  CLI::App& chip = app.addChip(kChip);
+void addOperations(App& app, CLI::App& chip) {
   const auto options = std::make_shared<WriteOptions>();
   CLI::App& write = app.addOperation(
       chip, "write",
@@ -117,6 +114,12 @@ void registerAddress(App& app) {
                                         "form of\n--cs")
       ->type_name("PIN,...")
       ->required();
+}
+
+}  // namespace
+
+void registerAddress(App& app) {
+  app.addChip(kChip, addOperations);
 }
 
 }  // namespace tool

@@ -2,6 +2,8 @@
 #include "tool/chips/Chips.h"
 
 #include "tool/chips/Address.h"
+#include "tool/chips/Ads1248.h"
+#include "tool/chips/Ads1256.h"
 #include "tool/chips/Hc595.h"
 #include "tool/chips/L6470.h"
 #include "tool/chips/Lv165a.h"
@@ -12,6 +14,8 @@ namespace tool {
 
 void registerChips(App& app) {
   registerMcp3201(app);
+  registerAds1248(app);
+  registerAds1256(app);
   registerHc595(app);
   registerLv165a(app);
   registerL6470(app);

@@ -119,10 +119,7 @@ void checkOptions(const Context& context, const WriteOptions& options) {
   }
 }
 
-}  // namespace
-
-void registerHc595(App& app) {
-  CLI::App& chip = app.addChip(kChip);
+void addOperations(App& app, CLI::App& chip) {
   const auto options = std::make_shared<WriteOptions>();
   CLI::App& write = app.addOperation(
       chip, "write",
@@ -146,6 +143,12 @@ void registerHc595(App& app) {
   addWhole(write, "--chain", options->chain, 1, kMostChips, "a number of chips",
            "how many chips are in a row, 1 to 8")
       ->type_name("N");
+}
+
+}  // namespace
+
+void registerHc595(App& app) {
+  app.addChip(kChip, addOperations);
 }
 
 }  // namespace tool

@@ -54,10 +54,7 @@ void readInputs(const Context& context, const ReadOptions& options, Session& ses
   });
 }
 
-}  // namespace
-
-void registerLv165a(App& app) {
-  CLI::App& chip = app.addChip(kChip);
+void addOperations(App& app, CLI::App& chip) {
   const auto options = std::make_shared<ReadOptions>();
   CLI::App& read = app.addOperation(
       chip, "read", "Load and print the inputs: bit 0 is A, bit 7 is H.",
@@ -81,6 +78,12 @@ void registerLv165a(App& app) {
                 "a low line loads: for a line wired straight to SH/LD (default: a\n"
                 "high one, which needs an inverter)");
   addRepetition(read, options->repetition);
+}
+
+}  // namespace
+
+void registerLv165a(App& app) {
+  app.addChip(kChip, addOperations);
 }
 
 }  // namespace tool

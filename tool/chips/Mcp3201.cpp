@@ -44,14 +44,7 @@ void readInput(const Context& context, const ReadOptions& options, Session& sess
   });
 }
 
-}  // namespace
-
-double mcp3201Volts(uint16_t code, double vref) {
-  return code * vref / kSteps;
-}
-
-void registerMcp3201(App& app) {
-  CLI::App& chip = app.addChip(kChip);
+void addOperations(App& app, CLI::App& chip) {
   const auto options = std::make_shared<ReadOptions>();
   CLI::App& read = app.addOperation(
       chip, "read", "Convert and print the code (0 to 4095) and the volts, code * vref / 4096.",
@@ -67,6 +60,16 @@ void registerMcp3201(App& app) {
               "reference voltage in volts, above 0: the chip's VREF pin")
       ->type_name("V");
   addRepetition(read, options->repetition);
+}
+
+}  // namespace
+
+double mcp3201Volts(uint16_t code, double vref) {
+  return code * vref / kSteps;
+}
+
+void registerMcp3201(App& app) {
+  app.addChip(kChip, addOperations);
 }
 
 }  // namespace tool

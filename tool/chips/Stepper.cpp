@@ -104,8 +104,8 @@ void needRampRegisters(const StepperChip& chip, const Ramps& ramps) {
 /// Registers the operations of one chip.
 class Registration {
  public:
-  Registration(App& app, const StepperChip& chip)
-      : app_(app), chip_(chip), command_(app.addChip(chip.info)) {}
+  Registration(App& app, CLI::App& command, const StepperChip& chip)
+      : app_(app), chip_(chip), command_(command) {}
 
   void addAll();
 
@@ -602,7 +602,9 @@ void Registration::addAll() {
 }  // namespace
 
 void registerStepper(App& app, const StepperChip& chip) {
-  Registration(app, chip).addAll();
+  app.addChip(chip.info, [&chip](App& owner, CLI::App& command) {
+    Registration(owner, command, chip).addAll();
+  });
 }
 
 }  // namespace tool

@@ -5,11 +5,11 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <stdexcept>
 #include <string>
 #include <string_view>
 
 #include "tool/App.h"
+#include "tool/ChipError.h"
 #include "tool/Session.h"
 #include "tool/chips/StepperStatus.h"
 #include "varnel/chips/motordriver/STMicroSteppingMotorDriver.h"
@@ -25,13 +25,6 @@ struct StepperChip {
   StepperStatus (*decode)(uint16_t word);
   /// Whether the driver reads and writes registers, and so the status without clearing flags.
   bool registers;
-};
-
-/// The chip answers, but not as it should: what is wrong, and what to try.
-class ChipError : public std::runtime_error {
- public:
-  ChipError(const std::string& what, const std::string& tryThis)
-      : std::runtime_error(what + "\n  try: " + tryThis) {}
 };
 
 /// A chip in an open session. What fails on the way to the chip throws DeviceError, a chip that

@@ -2,12 +2,9 @@
 #include "tool/chips/StepperMotion.h"
 
 #include <fmt/format.h>
-#include <unistd.h>
 
-#include <cerrno>
 #include <chrono>
 #include <cmath>
-#include <iostream>
 
 #include "tool/chips/StepperRegisters.h"
 
@@ -384,7 +381,7 @@ std::string powerUpAdvice(const StepperLink& link) {
 MotionWriter::MotionWriter(std::ostream& out, Format format, std::string_view chip,
                            std::span<const Column> columns, bool terminal)
     : records_(out, format, chip, columns),
-      out_(out),
+      line_(out),
       columns_(columns),
       live_(terminal && format == Format::Text) {
 }
@@ -394,24 +391,8 @@ void MotionWriter::write(std::initializer_list<Value> values) {
     records_.write(values);
     return;
   }
-  constexpr const char* kClearToEnd = "\x1b[K";
-  errno = 0;
-  out_ << '\r' << textLine(columns_, {values.begin(), values.size()}) << kClearToEnd << std::flush;
-  if (!out_) {
-    throw OutputError(errno);
-  }
-  lineOpen_ = true;
-}
-
-void MotionWriter::finish() {
-  if (lineOpen_) {
-    out_ << '\n' << std::flush;
-    lineOpen_ = false;
-  }
-}
-
-bool isTerminal(const std::ostream& out) {
-  return &out == &std::cout && isatty(STDOUT_FILENO) != 0;
+  const std::string line[] = {textLine(columns_, {values.begin(), values.size()})};
+  line_.write(line);
 }
 
 }  // namespace tool

@@ -11,6 +11,7 @@
 #include <string>
 
 #include "tool/App.h"
+#include "tool/Live.h"
 #include "tool/Records.h"
 #include "tool/chips/StepperLink.h"
 
@@ -76,18 +77,14 @@ class MotionWriter {
                std::span<const Column> columns, bool terminal);
   void write(std::initializer_list<Value> values);
   /// Ends the line that is being written again and again; others may write then.
-  void finish();
+  void finish() { line_.finish(); }
 
  private:
   RecordWriter records_;
-  std::ostream& out_;
+  LiveLines line_;
   std::span<const Column> columns_;
   bool live_;
-  bool lineOpen_ = false;
 };
-
-/// Whether what is written there appears on a terminal.
-bool isTerminal(const std::ostream& out);
 
 }  // namespace tool
 

@@ -14,6 +14,8 @@ namespace vboard {
 /// Time since the board was powered.
 using Time = std::chrono::nanoseconds;
 
+class Alarm;
+
 /// The board's own clock. It stands still until something advances it: the wires by what a
 /// transfer takes, a sleep, a system call by its cost.
 class Clock {
@@ -52,12 +54,43 @@ class Clock {
   void cancel(EventId event);
 
  private:
+  friend class Alarm;
+  struct Event {
+    std::function<void()> action;
+    Alarm* alarm = nullptr;  // in place of an action
+  };
+  using Events = std::map<EventId, Event>;
+
   void runEventsUntil(Time moment);
+  void findNext() { nextEvent_ = events_.empty() ? Time::max() : events_.begin()->first.first; }
 
   Time now_{0};
   Time nextEvent_ = Time::max();
   uint64_t nextSerial_ = 0;
-  std::map<EventId, std::function<void()>> events_;
+  Events events_;
+};
+
+/// An action that is due again and again, at moments decided on the way: a converter's ready edge.
+/// Only making one takes memory from the heap. It must not outlive the clock while it is set.
+class Alarm {
+ public:
+  explicit Alarm(std::function<void()> action);
+  ~Alarm() { clear(); }
+  Alarm(const Alarm&) = delete;
+  Alarm& operator=(const Alarm&) = delete;
+
+  /// Due once at a moment, and not at the one set before. A moment in the past runs at the next
+  /// advance. The action may set its alarm again.
+  void set(Clock& clock, Time moment);
+  void clear();
+  bool isSet() const { return clock_ != nullptr; }
+
+ private:
+  friend class Clock;
+  std::function<void()> action_;
+  Clock::Events::node_type entry_;  // while not set
+  Clock::EventId id_;               // while set
+  Clock* clock_ = nullptr;
 };
 
 }  // namespace vboard

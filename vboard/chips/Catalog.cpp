@@ -2,6 +2,8 @@
 #include "vboard/chips/Catalog.h"
 
 #include "vboard/board/TriStateBuffer.h"
+#include "vboard/chips/Ads1248.h"
+#include "vboard/chips/Ads1256.h"
 #include "vboard/chips/Decoder3to8.h"
 #include "vboard/chips/Hc595.h"
 #include "vboard/chips/L6470.h"
@@ -27,8 +29,9 @@ constexpr Kind kind() {
 }
 
 constexpr Kind kKinds[] = {
-    kind<Decoder3to8>(), kind<Hc595>(),       kind<L6470>(),        kind<Lv165a>(),
-    kind<Mcp3201>(),     kind<Powerstep01>(), kind<StepperMotor>(), kind<TriStateBuffer>(),
+    kind<Decoder3to8>(),  kind<Hc595>(),          kind<Lv165a>(),  kind<Ads1248>(),
+    kind<Ads1256>(),      kind<L6470>(),          kind<Mcp3201>(), kind<Powerstep01>(),
+    kind<StepperMotor>(), kind<TriStateBuffer>(),
 };
 
 }  // namespace

@@ -11,6 +11,8 @@
 #include "tests/wire/Selector.h"
 #include "tests/wire/Wire.h"
 #include "varnel/chips/analogin/SpiAnalogIn1x12Bit_MCP3201.h"
+#include "varnel/chips/analogin/SpiAnalogIn2x24BitADS1248.h"
+#include "varnel/chips/analogin/SpiAnalogIn4x24BitADS1256.h"
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 #define HEAP_IS_THE_SANITIZERS 1
@@ -162,6 +164,24 @@ TEST_F(Allocation, IsNotNeededByAConversion) {
   uint16_t value = 0;
   EXPECT_EQ(allocationsOf([&] { return adc.readInput(&value, CLinuxSpiDevice::DO_TRANSFER); }), 0U);
   EXPECT_EQ(value, 0xEEE);
+}
+
+TEST_F(Allocation, IsNotNeededByConversionsOfTwoChannels) {
+  Varnel::CSpiAnalogIn2x24Bit_ADS1248 adc;
+  adc.setBus(&bus_);
+  adc.setChipSelector(&selector_);
+  adc.configurePins(17, 27, 22);
+  EXPECT_EQ(adc.open(), -201) << "the pins are connected, the registers read as nothing";
+  EXPECT_EQ(allocationsOf([&adc] { return adc.doConversion(); }), 0U);
+  EXPECT_EQ(adc.readChannel(1), 0xEEEEEE);
+}
+
+TEST_F(Allocation, IsNotNeededByConversionsOfFourChannels) {
+  Varnel::CSpiAnalogIn4x24Bit_ADS1256 adc;
+  adc.setBus(&bus_);
+  adc.setChipSelector(&selector_);
+  EXPECT_EQ(allocationsOf([&adc] { return adc.doConversion(); }), 0U);
+  EXPECT_EQ(adc.readChannel(3), 0xEEEEEE);
 }
 
 }  // namespace

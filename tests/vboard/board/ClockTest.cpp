@@ -9,6 +9,7 @@
 namespace {
 
 using testing::ElementsAre;
+using vboard::Alarm;
 using vboard::Clock;
 using vboard::Time;
 
@@ -81,6 +82,56 @@ TEST(Clock, ACancelledEventNeverRunsAndCancellingAnOldOneIsFine) {
   EXPECT_EQ(runs, 1);
   clock.cancel(first);
   clock.advance(Time(50));
+  EXPECT_EQ(runs, 1);
+}
+
+TEST(Alarm, RunsOnceAtTheMomentSetLast) {
+  Clock clock;
+  std::vector<int64_t> rang;
+  Alarm alarm([&] { rang.push_back(clock.now().count()); });
+  alarm.set(clock, Time(10));
+  alarm.set(clock, Time(30));
+  EXPECT_EQ(clock.nextEvent(), Time(30));
+  EXPECT_TRUE(alarm.isSet());
+  clock.advance(Time(100));
+  EXPECT_THAT(rang, ElementsAre(30));
+  EXPECT_FALSE(alarm.isSet());
+  EXPECT_EQ(clock.nextEvent(), Time::max());
+}
+
+TEST(Alarm, MaySetItselfAgainAndKeepsItsPlaceAmongEventsOfOneMoment) {
+  Clock clock;
+  std::string seen;
+  Alarm* again = nullptr;
+  Alarm alarm([&] {
+    seen += 'a';
+    if (seen.size() < 4) {
+      again->set(clock, clock.now() + Time(10));
+    }
+  });
+  again = &alarm;
+  alarm.set(clock, Time(10));
+  clock.at(Time(10), [&] { seen += 'e'; });
+  clock.advance(Time(100));
+  EXPECT_EQ(seen, "aeaa");
+}
+
+TEST(Alarm, ClearedOrDestroyedItNeverRuns) {
+  Clock clock;
+  int runs = 0;
+  Alarm alarm([&] { ++runs; });
+  alarm.set(clock, Time(10));
+  alarm.clear();
+  alarm.clear();
+  {
+    Alarm shortLived([&] { ++runs; });
+    shortLived.set(clock, Time(20));
+  }
+  EXPECT_EQ(clock.nextEvent(), Time::max());
+  clock.advance(Time(100));
+  EXPECT_EQ(runs, 0);
+  alarm.set(clock, Time(200));
+  clock.advance(Time(100));
   EXPECT_EQ(runs, 1);
 }
 

@@ -267,7 +267,7 @@ TErrCode CSTMicroSteppingMotorDriver::clearStatus() {
   if (code < 0) {
     return logReturnCode(code);
   }
-  word = static_cast<uint16_t>((received << 8U) | (word & 0x00FFU));
+  word = static_cast<uint16_t>((unsigned{received} << 8U) | (word & 0x00FFU));
   code = spiTransferByte(reply, received);
   if (code < 0) {
     return logReturnCode(code);
