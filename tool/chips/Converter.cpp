@@ -129,6 +129,7 @@ ConverterOutput::ConverterOutput(std::ostream& out, Format format, std::string_v
     : records_(out, format, chip, kColumns) {
   if (plot && terminal.present && format == Format::Text) {
     std::vector<std::string> names;
+    names.reserve(channels.size());
     for (const unsigned int channel : channels) {
       names.push_back(fmt::format("channel {}", channel));
     }

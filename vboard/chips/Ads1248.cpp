@@ -40,20 +40,17 @@ constexpr uint8_t kSysOffset = 0x60;
 constexpr uint8_t kSysGain = 0x61;
 constexpr uint8_t kSelfOffset = 0x62;
 
-enum Register : uint8_t {
-  kMux0 = 0x00,
-  kVbias = 0x01,
-  kMux1 = 0x02,
-  kSys0 = 0x03,
-  kOfc = 0x04,
-  kFsc = 0x07,
-  kIdac0 = 0x0A,
-  kIdac1 = 0x0B,
-  kGpioCfg = 0x0C,
-  kGpioDir = 0x0D,
-  kGpioDat = 0x0E,
-  kRegisters = 0x0F,
-};
+constexpr uint8_t kMux0 = 0x00;
+constexpr uint8_t kMux1 = 0x02;
+constexpr uint8_t kSys0 = 0x03;
+constexpr uint8_t kOfc = 0x04;
+constexpr uint8_t kFsc = 0x07;
+constexpr uint8_t kIdac0 = 0x0A;
+constexpr uint8_t kIdac1 = 0x0B;
+constexpr uint8_t kGpioCfg = 0x0C;
+constexpr uint8_t kGpioDir = 0x0D;
+constexpr uint8_t kGpioDat = 0x0E;
+constexpr uint8_t kRegisters = 0x0F;
 constexpr uint8_t kWritable[kRegisters] = {0xFF, 0xFF, 0x7F, 0x7F, 0xFF, 0xFF, 0xFF, 0xFF,
                                            0xFF, 0xFF, 0x0F, 0xFF, 0xFF, 0xFF, 0xFF};
 
@@ -70,14 +67,12 @@ constexpr Rate kRates[] = {
     {2048, 2108, 2370, 8.07},
 };
 
-enum Complaint : uint32_t {
-  kDeafComplaint = 1,
-  kStandbyComplaint = 2,
-  kCalibrationComplaint = 4,
-  kEarlyComplaint = 8,
-  kReferenceComplaint = 1,  // standing ones
-  kRangeComplaint = 2,
-};
+constexpr uint32_t kDeafComplaint = 1;
+constexpr uint32_t kStandbyComplaint = 2;
+constexpr uint32_t kCalibrationComplaint = 4;
+constexpr uint32_t kEarlyComplaint = 8;
+constexpr uint32_t kReferenceComplaint = 1;  // standing ones
+constexpr uint32_t kRangeComplaint = 2;
 
 }  // namespace
 
@@ -508,7 +503,7 @@ void Ads1248::calibrate() {
     storeWord24(kOfc, wordOf(clip(raw)));
     return;
   }
-  const double offset = static_cast<int32_t>(word24(kOfc) << 8U) / 256;
+  const double offset = signedWord24(kOfc);
   if (raw > offset) {
     const double scale = kUnityFullScale * kFullScale / (raw - offset);
     storeWord24(kFsc, static_cast<uint32_t>(std::min(std::round(scale), 16777215.0)));
@@ -558,7 +553,7 @@ double Ads1248::rawOf(double volts, Time moment) const {
 
 int32_t Ads1248::codeOf(double volts, Time moment) const {
   const double raw = clip(rawOf(volts, moment));
-  const double offset = static_cast<int32_t>(word24(kOfc) << 8U) / 256;
+  const double offset = signedWord24(kOfc);
   return clip((raw - offset) * word24(kFsc) / kUnityFullScale);
 }
 

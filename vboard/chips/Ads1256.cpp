@@ -33,44 +33,38 @@ constexpr double kStandbyWake = 256;
 constexpr unsigned kPowerDownPeriods = 20;
 constexpr double kSlowHighs[3][2] = {{300, 500}, {550, 750}, {1050, 1250}};
 
-enum Register : uint8_t {
-  kStatus = 0x00,
-  kMux = 0x01,
-  kAdcon = 0x02,
-  kDrate = 0x03,
-  kIo = 0x04,
-  kOfc = 0x05,
-  kFsc = 0x08,
-  kRegisters = 0x0B,
-};
+constexpr uint8_t kStatus = 0x00;
+constexpr uint8_t kMux = 0x01;
+constexpr uint8_t kAdcon = 0x02;
+constexpr uint8_t kDrate = 0x03;
+constexpr uint8_t kIo = 0x04;
+constexpr uint8_t kOfc = 0x05;
+constexpr uint8_t kFsc = 0x08;
+constexpr uint8_t kRegisters = 0x0B;
 
-enum Command : uint8_t {
-  kWakeUp = 0x00,
-  kRdata = 0x01,
-  kRdatac = 0x03,
-  kSdatac = 0x0F,
-  kSelfCal = 0xF0,
-  kSelfOffset = 0xF1,
-  kSelfGain = 0xF2,
-  kSysOffset = 0xF3,
-  kSysGain = 0xF4,
-  kSync = 0xFC,
-  kStandby = 0xFD,
-  kReset = 0xFE,
-  kWakeUpToo = 0xFF,
-};
+constexpr uint8_t kWakeUp = 0x00;
+constexpr uint8_t kRdata = 0x01;
+constexpr uint8_t kRdatac = 0x03;
+constexpr uint8_t kSdatac = 0x0F;
+constexpr uint8_t kSelfCal = 0xF0;
+constexpr uint8_t kSelfOffset = 0xF1;
+constexpr uint8_t kSelfGain = 0xF2;
+constexpr uint8_t kSysOffset = 0xF3;
+constexpr uint8_t kSysGain = 0xF4;
+constexpr uint8_t kSync = 0xFC;
+constexpr uint8_t kStandby = 0xFD;
+constexpr uint8_t kReset = 0xFE;
+constexpr uint8_t kWakeUpToo = 0xFF;
 
-enum Complaint : uint32_t {
-  kDeafComplaint = 1,
-  kGapComplaint = 2,
-  kDataComplaint = 4,
-  kCalibrationComplaint = 8,
-  kModeComplaint = 16,
-  kEarlyComplaint = 32,
-  kStandbyComplaint = 64,
-  kReferenceComplaint = 1,  // standing ones
-  kRangeComplaint = 2,
-};
+constexpr uint32_t kDeafComplaint = 1;
+constexpr uint32_t kGapComplaint = 2;
+constexpr uint32_t kDataComplaint = 4;
+constexpr uint32_t kCalibrationComplaint = 8;
+constexpr uint32_t kModeComplaint = 16;
+constexpr uint32_t kEarlyComplaint = 32;
+constexpr uint32_t kStandbyComplaint = 64;
+constexpr uint32_t kReferenceComplaint = 1;  // standing ones
+constexpr uint32_t kRangeComplaint = 2;
 
 bool dummy(uint8_t byte) {
   return byte == kWakeUp || byte == kWakeUpToo;
@@ -82,10 +76,6 @@ uint8_t mirrored(uint8_t byte) {
     result |= ((byte >> bit) & 1U) << (7 - bit);
   }
   return static_cast<uint8_t>(result);
-}
-
-int32_t signed24(uint32_t word) {
-  return static_cast<int32_t>(word << 8U) / 256;
 }
 
 }  // namespace
@@ -764,7 +754,7 @@ void Ads1256::calibrate() {
   }
   double factor = 1 / (1 + gainError_);
   if (system) {
-    const double span = rawOf(mean(), now()) - signed24(word24(kOfc));
+    const double span = rawOf(mean(), now()) - signedWord24(kOfc);
     factor = span > 0 ? kFullScale / span : factor;
   }
   storeWord24(kFsc, static_cast<uint32_t>(std::min(std::round(ideal * factor), 16777215.0)));
@@ -793,7 +783,7 @@ double Ads1256::rawOf(double volts, Time moment) const {
 }
 
 int32_t Ads1256::codeOf(double volts, Time moment) const {
-  const double offset = signed24(word24(kOfc));
+  const double offset = signedWord24(kOfc);
   return clip((rawOf(volts, moment) - offset) * word24(kFsc) / rate().idealFullScale);
 }
 

@@ -317,6 +317,10 @@ uint32_t DeltaSigma::word24(uint8_t address) const {
          static_cast<uint32_t>(reg(static_cast<uint8_t>(address + 2))) << 16U;
 }
 
+int32_t DeltaSigma::signedWord24(uint8_t address) const {
+  return static_cast<int32_t>(word24(address) << 8U) / 256;
+}
+
 void DeltaSigma::storeWord24(uint8_t address, uint32_t value) {
   for (unsigned i = 0; i < 3; ++i) {
     storeRegister(static_cast<uint8_t>(address + i), static_cast<uint8_t>(value >> (8 * i)));
@@ -418,25 +422,17 @@ Property& DeltaSigma::addKnob(std::string name, const char* unit, const char* he
 
 Property& DeltaSigma::addSwitch(const char* name, const char* help, std::function<bool()> get,
                                 std::function<void(bool)> set) {
-  return addProperty(
-      {name, "", help,
-       [this, get = std::move(get)]() -> PropertyValue {
-         const auto guard = lock();
-         return get();
-       },
-       [set = std::move(set)](const PropertyValue& value) -> std::optional<std::string> {
-         const bool* on = std::get_if<bool>(&value);
-         if (on == nullptr) {
-           return "must be true or false";
-         }
-         set(*on);
-         return std::nullopt;
-       },
-       false});
+  return addProperty(boolProperty(
+      name, help,
+      [this, get = std::move(get)] {
+        const auto guard = lock();
+        return get();
+      },
+      std::move(set)));
 }
 
 Property& DeltaSigma::addSignal(std::string name, const char* help, Signal& signal,
-                                std::function<void(Signal)> set) {
+                                const std::function<void(Signal)>& set) {
   Property& property = addKnob(
       std::move(name), "V", help, -kInputMax, kInputMax,
       [this, &signal] { return signal.evaluate(now()); }, [set](double volts) { set(volts); });

@@ -119,6 +119,7 @@ class DeltaSigma : public SpiChip {
   void storeRegister(uint8_t address, uint8_t value) { registers_[address] = value; }
   /// Three registers, the lowest byte first.
   uint32_t word24(uint8_t address) const;
+  int32_t signedWord24(uint8_t address) const;
   void storeWord24(uint8_t address, uint32_t value);
   size_t registerCount() const { return registerCount_; }
 
@@ -139,7 +140,7 @@ class DeltaSigma : public SpiChip {
   Property& addSwitch(const char* name, const char* help, std::function<bool()> get,
                       std::function<void(bool)> set);
   Property& addSignal(std::string name, const char* help, Signal& signal,
-                      std::function<void(Signal)> set);
+                      const std::function<void(Signal)>& set);
   void addMeter(const char* name, const char* unit, const char* help,
                 std::function<PropertyValue()> get);
 
