@@ -15,6 +15,7 @@
 #include "varnel/common/LinuxIoPinAddressDecoder.h"
 
 namespace tool {
+namespace address {
 namespace {
 
 constexpr size_t kMostPins = 32;
@@ -97,7 +98,7 @@ void addOperations(App& app, CLI::App& chip) {
       [options](const Context& context) {
         checkOptions(*options);
         return runSession(context.options, kChip, context.err,
-                          [&](Session& session) { tool::write(context, *options, session); });
+                          [&](Session& session) { address::write(context, *options, session); });
       });
   addValue(write, "N", options->address,
            "the address, as far as the pins have bits: decimal, 0x.. or 0b..");
@@ -117,9 +118,10 @@ void addOperations(App& app, CLI::App& chip) {
 }
 
 }  // namespace
+}  // namespace address
 
 void registerAddress(App& app) {
-  app.addChip(kChip, addOperations);
+  app.addChip(address::kChip, address::addOperations);
 }
 
 }  // namespace tool

@@ -12,6 +12,7 @@
 #include "varnel/chips/analogin/SpiAnalogIn2x24BitADS1248.h"
 
 namespace tool {
+namespace ads1248 {
 namespace {
 
 using Clock = std::chrono::steady_clock;
@@ -274,9 +275,10 @@ void addOperations(App& app, CLI::App& chip) {
 }
 
 }  // namespace
+}  // namespace ads1248
 
 void registerAds1248(App& app) {
-  app.addChip(kChip.info, addOperations);
+  app.addChip(ads1248::kChip.info, ads1248::addOperations);
 }
 
 }  // namespace tool

@@ -11,6 +11,7 @@
 #include "varnel/chips/analogin/SpiAnalogIn4x24BitADS1256.h"
 
 namespace tool {
+namespace ads1256 {
 namespace {
 
 constexpr unsigned int kChannels = 4;
@@ -138,9 +139,10 @@ void addOperations(App& app, CLI::App& chip) {
 }
 
 }  // namespace
+}  // namespace ads1256
 
 void registerAds1256(App& app) {
-  app.addChip(kChip.info, addOperations);
+  app.addChip(ads1256::kChip.info, ads1256::addOperations);
 }
 
 }  // namespace tool

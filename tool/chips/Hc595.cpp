@@ -13,6 +13,7 @@
 #include "varnel/chips/digout/SpiDigOut8Bit_HC595.h"
 
 namespace tool {
+namespace hc595 {
 namespace {
 
 using Varnel::CLinuxSpiDevice;
@@ -132,7 +133,7 @@ void addOperations(App& app, CLI::App& chip) {
       [options](const Context& context) {
         checkOptions(context, *options);
         return runSession(context.options, kChip, context.err,
-                          [&](Session& session) { tool::write(context, *options, session); });
+                          [&](Session& session) { hc595::write(context, *options, session); });
       });
   addValue(write, "VALUE", options->value,
            "0 to 255, or as many bytes as the chain has chips, the lowest for the chip\n"
@@ -146,9 +147,10 @@ void addOperations(App& app, CLI::App& chip) {
 }
 
 }  // namespace
+}  // namespace hc595
 
 void registerHc595(App& app) {
-  app.addChip(kChip, addOperations);
+  app.addChip(hc595::kChip, hc595::addOperations);
 }
 
 }  // namespace tool

@@ -9,6 +9,7 @@
 #include "varnel/chips/motordriver/MotorDriver1ChnL6470.h"
 
 namespace tool {
+namespace l6470 {
 namespace {
 
 constexpr uint8_t kMode = 3;
@@ -28,9 +29,10 @@ constexpr StepperChip kChip = {
     .registers = false};
 
 }  // namespace
+}  // namespace l6470
 
 void registerL6470(App& app) {
-  registerStepper(app, kChip);
+  registerStepper(app, l6470::kChip);
 }
 
 }  // namespace tool

@@ -12,6 +12,7 @@
 #include "varnel/chips/digin/SpiDigIn8Bit_LV165A.h"
 
 namespace tool {
+namespace lv165a {
 namespace {
 
 constexpr std::string_view kLatchOption = "--latch";
@@ -81,9 +82,10 @@ void addOperations(App& app, CLI::App& chip) {
 }
 
 }  // namespace
+}  // namespace lv165a
 
 void registerLv165a(App& app) {
-  app.addChip(kChip, addOperations);
+  app.addChip(lv165a::kChip, lv165a::addOperations);
 }
 
 }  // namespace tool

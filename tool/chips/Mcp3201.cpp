@@ -10,6 +10,7 @@
 #include "varnel/chips/analogin/SpiAnalogIn1x12Bit_MCP3201.h"
 
 namespace tool {
+namespace mcp3201 {
 namespace {
 
 constexpr double kSteps = 4096.0;
@@ -63,13 +64,14 @@ void addOperations(App& app, CLI::App& chip) {
 }
 
 }  // namespace
+}  // namespace mcp3201
 
 double mcp3201Volts(uint16_t code, double vref) {
-  return code * vref / kSteps;
+  return code * vref / mcp3201::kSteps;
 }
 
 void registerMcp3201(App& app) {
-  app.addChip(kChip, addOperations);
+  app.addChip(mcp3201::kChip, mcp3201::addOperations);
 }
 
 }  // namespace tool

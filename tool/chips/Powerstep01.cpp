@@ -9,6 +9,7 @@
 #include "varnel/chips/motordriver/MotorDriver1ChnPowerSTEP01.h"
 
 namespace tool {
+namespace powerstep01 {
 namespace {
 
 constexpr uint8_t kMode = 3;
@@ -28,9 +29,10 @@ constexpr StepperChip kChip = {
     .registers = true};
 
 }  // namespace
+}  // namespace powerstep01
 
 void registerPowerstep01(App& app) {
-  registerStepper(app, kChip);
+  registerStepper(app, powerstep01::kChip);
 }
 
 }  // namespace tool

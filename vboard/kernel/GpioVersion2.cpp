@@ -18,14 +18,14 @@ namespace {
 constexpr uint32_t kEventsPerLine = 16;
 constexpr uint32_t kLargestBuffer = GPIO_V2_LINES_MAX * kEventsPerLine;
 
-constexpr uint64_t kDirections = GPIO_V2_LINE_FLAG_INPUT | GPIO_V2_LINE_FLAG_OUTPUT;
+constexpr uint64_t kLineDirections = GPIO_V2_LINE_FLAG_INPUT | GPIO_V2_LINE_FLAG_OUTPUT;
 constexpr uint64_t kEdges = GPIO_V2_LINE_FLAG_EDGE_RISING | GPIO_V2_LINE_FLAG_EDGE_FALLING;
-constexpr uint64_t kDrives = GPIO_V2_LINE_FLAG_OPEN_DRAIN | GPIO_V2_LINE_FLAG_OPEN_SOURCE;
-constexpr uint64_t kBiases = GPIO_V2_LINE_FLAG_BIAS_PULL_UP | GPIO_V2_LINE_FLAG_BIAS_PULL_DOWN |
-                             GPIO_V2_LINE_FLAG_BIAS_DISABLED;
-constexpr uint64_t kKnownFlags = GPIO_V2_LINE_FLAG_ACTIVE_LOW | kDirections | kEdges | kDrives |
-                                 kBiases | GPIO_V2_LINE_FLAG_EVENT_CLOCK_REALTIME |
-                                 GPIO_V2_LINE_FLAG_EVENT_CLOCK_HTE;
+constexpr uint64_t kLineDrives = GPIO_V2_LINE_FLAG_OPEN_DRAIN | GPIO_V2_LINE_FLAG_OPEN_SOURCE;
+constexpr uint64_t kLineBiases = GPIO_V2_LINE_FLAG_BIAS_PULL_UP | GPIO_V2_LINE_FLAG_BIAS_PULL_DOWN |
+                                 GPIO_V2_LINE_FLAG_BIAS_DISABLED;
+constexpr uint64_t kKnownLineFlags =
+    GPIO_V2_LINE_FLAG_ACTIVE_LOW | kLineDirections | kEdges | kLineDrives | kLineBiases |
+    GPIO_V2_LINE_FLAG_EVENT_CLOCK_REALTIME | GPIO_V2_LINE_FLAG_EVENT_CLOCK_HTE;
 
 bool atMostOne(uint64_t bits) {
   return (bits & (bits - 1)) == 0;
@@ -33,7 +33,7 @@ bool atMostOne(uint64_t bits) {
 
 /// 0, or the negated errno that flags of one line are refused with.
 int checkFlags(uint64_t flags) {
-  if ((flags & ~kKnownFlags) != 0) {
+  if ((flags & ~kKnownLineFlags) != 0) {
     return -EINVAL;
   }
   // A kernel without hardware timestamping, as distributions build it.
@@ -42,9 +42,9 @@ int checkFlags(uint64_t flags) {
   }
   const bool input = (flags & GPIO_V2_LINE_FLAG_INPUT) != 0;
   const bool output = (flags & GPIO_V2_LINE_FLAG_OUTPUT) != 0;
-  if ((input && output) || ((flags & kEdges) != 0 && !input) || !atMostOne(flags & kDrives) ||
-      ((flags & kDrives) != 0 && !output) || ((flags & kBiases) != 0 && !input && !output) ||
-      !atMostOne(flags & kBiases)) {
+  if ((input && output) || ((flags & kEdges) != 0 && !input) || !atMostOne(flags & kLineDrives) ||
+      ((flags & kLineDrives) != 0 && !output) ||
+      ((flags & kLineBiases) != 0 && !input && !output) || !atMostOne(flags & kLineBiases)) {
     return -EINVAL;
   }
   return 0;
@@ -331,7 +331,7 @@ class LineRequest : public GpioFile {
       return error;
     }
     for (uint32_t i = 0; i < asked_; ++i) {
-      if ((config.flags(i) & kDirections) == 0) {
+      if ((config.flags(i) & kLineDirections) == 0) {
         continue;
       }
       if (const int error = configure(held_[i], i, config); error != 0) {

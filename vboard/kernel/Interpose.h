@@ -62,4 +62,14 @@ class ErrnoGuard {
 
 }  // namespace vboard::kernel
 
+/// `next_NAME`, the function behind an interposed one. Looked up early: a signal handler or a child
+/// of vfork may be the first to call it, where looking up isn't safe.
+#define VBOARD_NEXT(type, name)                            \
+  namespace {                                              \
+  constinit vboard::kernel::Next<type> next_##name(#name); \
+  __attribute__((constructor)) void find_##name() {        \
+    next_##name.get();                                     \
+  }                                                        \
+  }
+
 #endif

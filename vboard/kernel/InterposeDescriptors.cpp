@@ -86,22 +86,11 @@ using vboard::kernel::emulatedForget;
 using vboard::kernel::forgetRange;
 using vboard::kernel::kNotEmulated;
 using vboard::kernel::needsMode;
-using vboard::kernel::Next;
 using vboard::kernel::openPath;
 using vboard::kernel::Result;
 
-// Looked up early: a signal handler or a child of vfork may be the first to call one, where looking
-// up isn't safe.
-#define VBOARD_NEXT(type, name)                     \
-  constinit Next<type> next_##name(#name);          \
-  __attribute__((constructor)) void find_##name() { \
-    next_##name.get();                              \
-  }
-
 #define VBOARD_OPEN(name)                                                                         \
-  namespace {                                                                                     \
   VBOARD_NEXT(int(const char*, int, ...), name)                                                   \
-  }                                                                                               \
   VBOARD_INTERPOSED int name(const char* path, int flags, ...) {                                  \
     mode_t mode = 0;                                                                              \
     if (needsMode(flags)) {                                                                       \
@@ -114,9 +103,7 @@ using vboard::kernel::Result;
   }
 
 #define VBOARD_OPENAT(name)                                                           \
-  namespace {                                                                         \
   VBOARD_NEXT(int(int, const char*, int, ...), name)                                  \
-  }                                                                                   \
   VBOARD_INTERPOSED int name(int directory, const char* path, int flags, ...) {       \
     mode_t mode = 0;                                                                  \
     if (needsMode(flags)) {                                                           \
@@ -131,35 +118,27 @@ using vboard::kernel::Result;
 
 // What fortified programs call when the flags ask for no mode.
 #define VBOARD_OPEN_2(name)                                                                 \
-  namespace {                                                                               \
   VBOARD_NEXT(int(const char*, int), name)                                                  \
-  }                                                                                         \
   VBOARD_INTERPOSED int name(const char* path, int flags) {                                 \
     return openPath(AT_FDCWD, path, flags, [&] { return next_##name.get()(path, flags); }); \
   }
 
 #define VBOARD_OPENAT_2(name)                                                   \
-  namespace {                                                                   \
   VBOARD_NEXT(int(int, const char*, int), name)                                 \
-  }                                                                             \
   VBOARD_INTERPOSED int name(int directory, const char* path, int flags) {      \
     return openPath(directory, path, flags,                                     \
                     [&] { return next_##name.get()(directory, path, flags); }); \
   }
 
 #define VBOARD_CREAT(name)                                          \
-  namespace {                                                       \
   VBOARD_NEXT(int(const char*, mode_t), name)                       \
-  }                                                                 \
   VBOARD_INTERPOSED int name(const char* path, mode_t mode) {       \
     return openPath(AT_FDCWD, path, O_CREAT | O_WRONLY | O_TRUNC,   \
                     [&] { return next_##name.get()(path, mode); }); \
   }
 
 #define VBOARD_CLOSE(name)                                                           \
-  namespace {                                                                        \
   VBOARD_NEXT(int(int), name)                                                        \
-  }                                                                                  \
   VBOARD_INTERPOSED int name(int descriptor) {                                       \
     const Result result =                                                            \
         descriptors.contains(descriptor) ? emulatedClose(descriptor) : kNotEmulated; \
@@ -167,17 +146,13 @@ using vboard::kernel::Result;
   }
 
 #define VBOARD_DUP2(name)                                                                    \
-  namespace {                                                                                \
   VBOARD_NEXT(int(int, int), name)                                                           \
-  }                                                                                          \
   VBOARD_INTERPOSED int name(int original, int target) noexcept {                            \
     return duplicate(original, target, [&] { return next_##name.get()(original, target); }); \
   }
 
 #define VBOARD_FCNTL(name)                                            \
-  namespace {                                                         \
   VBOARD_NEXT(int(int, int, ...), name)                               \
-  }                                                                   \
   VBOARD_INTERPOSED int name(int descriptor, int command, ...) {      \
     va_list arguments;                                                \
     va_start(arguments, command);                                     \
@@ -209,13 +184,11 @@ VBOARD_FCNTL(__fcntl)
 VBOARD_FCNTL(__fcntl_time64)
 #endif
 
-namespace {
 VBOARD_NEXT(int(int), dup)
 VBOARD_NEXT(int(int, int, int), dup3)
 VBOARD_NEXT(int(unsigned, unsigned, int), close_range)
 VBOARD_NEXT(void(int), closefrom)
 VBOARD_NEXT(int(FILE*), fclose)
-}  // namespace
 
 VBOARD_INTERPOSED int dup(int original) noexcept {
   return duplicate(original, -1, [&] { return next_dup.get()(original); });

@@ -62,20 +62,9 @@ using vboard::kernel::descriptors;
 using vboard::kernel::emulatedRead;
 using vboard::kernel::emulatedWrite;
 using vboard::kernel::kNotEmulated;
-using vboard::kernel::Next;
 using vboard::kernel::positionedRefusal;
 using vboard::kernel::Result;
 using vboard::kernel::seekRefusal;
-
-// Looked up early: a signal handler or a child of vfork may be the first to call one, where looking
-// up isn't safe.
-#define VBOARD_NEXT(type, name)                     \
-  namespace {                                       \
-  constinit Next<type> next_##name(#name);          \
-  __attribute__((constructor)) void find_##name() { \
-    next_##name.get();                              \
-  }                                                 \
-  }
 
 #define VBOARD_IOCTL(name)                                                            \
   VBOARD_NEXT(int(int, unsigned long, ...), name)                                     \

@@ -28,7 +28,7 @@ struct Callers {
 
 int sanitizer = Unknown;
 const void* sanitizerModule = nullptr;
-Callers own{};
+Callers ownCallers{};
 Callers program{};
 
 VBOARD_UNINSTRUMENTED bool contains(const Callers& callers, const void* address) {
@@ -85,11 +85,11 @@ VBOARD_UNINSTRUMENTED bool isSanitizersOwnCall(const void* caller) {
   if (presence == Absent || contains(program, caller)) {
     return false;
   }
-  if (contains(own, caller)) {
+  if (contains(ownCallers, caller)) {
     return true;
   }
   const bool answer = isOwn(caller);
-  remember(answer ? own : program, caller);
+  remember(answer ? ownCallers : program, caller);
   return answer;
 }
 

@@ -16,7 +16,7 @@ namespace vboard::launcher {
 
 namespace {
 
-constexpr int kNotRunnable = 126;
+constexpr int kCannotStart = 126;
 constexpr int kKilled = 128;
 
 volatile sig_atomic_t child = 0;
@@ -98,7 +98,7 @@ void setEnvironment(const RunOptions& options) {
   ::execv(options.path.c_str(), arguments.data());
   const int error = errno;
   [[maybe_unused]] const ssize_t written = ::write(pipe, &error, sizeof error);
-  ::_exit(kNotRunnable);
+  ::_exit(kCannotStart);
 }
 
 }  // namespace
@@ -106,7 +106,7 @@ void setEnvironment(const RunOptions& options) {
 RunResult run(const RunOptions& options) {
   int pipe[2];
   if (::pipe2(pipe, O_CLOEXEC) != 0) {
-    return {kNotRunnable, 0, std::string("pipe: ") + std::strerror(errno)};
+    return {kCannotStart, 0, std::string("pipe: ") + std::strerror(errno)};
   }
   Signals signals;
   const pid_t process = ::fork();
@@ -127,7 +127,7 @@ RunResult run(const RunOptions& options) {
   }
   child = 0;
   if (failed) {
-    return {kNotRunnable, 0, options.path + ": " + std::strerror(error)};
+    return {kCannotStart, 0, options.path + ": " + std::strerror(error)};
   }
   if (WIFSIGNALED(status)) {
     return {kKilled + WTERMSIG(status), WTERMSIG(status), ""};

@@ -6,15 +6,16 @@
 #include <cmath>
 
 #include "tests/vboard/chips/ConverterRig.h"
+#include "tests/vboard/chips/Properties.h"
 #include "vboard/board/WireLog.h"
 
 namespace {
 
 using boardtest::Hand;
+using boardtest::propertyOf;
 using boardtest::rulesOf;
 using convertertest::Bytes;
 using convertertest::ConverterRig;
-using convertertest::propertyOf;
 using std::chrono::microseconds;
 using std::chrono::milliseconds;
 using testing::ElementsAre;

@@ -6,14 +6,15 @@
 #include <cmath>
 
 #include "tests/vboard/chips/ConverterRig.h"
+#include "tests/vboard/chips/Properties.h"
 
 namespace {
 
 using boardtest::Hand;
+using boardtest::propertyOf;
 using boardtest::rulesOf;
 using convertertest::Bytes;
 using convertertest::ConverterRig;
-using convertertest::propertyOf;
 using std::chrono::microseconds;
 using std::chrono::milliseconds;
 using testing::Each;
@@ -31,7 +32,7 @@ constexpr uint32_t kStandby = 0xFD;
 constexpr uint32_t kReset = 0xFE;
 
 /// Clocks at 7.68 MHz, in the nanoseconds the board counts.
-Time clocks(double count) {
+Time crystalClocks(double count) {
   return Time(std::llround(count * 1e9 / 7.68e6));
 }
 
@@ -261,7 +262,7 @@ TEST_F(Ads1256Commands, WakeUpTooSoonAfterSyncIsLost) {
 TEST_F(Ads1256Commands, EarlyCommandsCanBeTakenAllTheSame) {
   adc.setEarlyCommandsLost(false);
   frame({kSync, 0x00});
-  EXPECT_EQ(untilReady(), clocks(1612.8) - microseconds(15));
+  EXPECT_EQ(untilReady(), crystalClocks(1612.8) - microseconds(15));
   EXPECT_THAT(rulesOf(board), ElementsAre("adc command-gap"));
 }
 
@@ -308,9 +309,9 @@ TEST_F(Ads1256Commands, ThreeVeryLongHighsOfTheClockResetTheChip) {
     select.low();
     for (const double high : {400.0, 650.0, third}) {
       line.high();
-      bare.advance(clocks(high));
+      bare.advance(crystalClocks(high));
       line.low();
-      bare.advance(clocks(10));
+      bare.advance(crystalClocks(10));
     }
     select.high();
   };
@@ -325,7 +326,7 @@ TEST_F(Ads1256Commands, ThreeVeryLongHighsOfTheClockResetTheChip) {
 
 using Ads1256Timing = Ads1256Rig;
 
-struct RateRow {
+struct DataRateRow {
   uint32_t code;
   double samples;
   double settledMs;
@@ -333,7 +334,7 @@ struct RateRow {
   double selfMs;
   uint32_t fullScale;
 };
-constexpr RateRow kRates[] = {
+constexpr DataRateRow kDataRates[] = {
     {0xF0, 30000, 0.21, 0.387, 0.596, 0x44AC08}, {0xE0, 15000, 0.25, 0.453, 0.696, 0x44AC08},
     {0xD0, 7500, 0.31, 0.587, 0.896, 0x44AC08},  {0xC0, 3750, 0.44, 0.853, 1.3, 0x44AC08},
     {0xB0, 2000, 0.68, 1.3, 2.0, 0x494008},      {0xA1, 1000, 1.18, 2.3, 3.6, 0x494008},
@@ -346,11 +347,11 @@ constexpr RateRow kRates[] = {
 
 TEST_F(Ads1256Timing, EveryRateHasItsSettlingPeriodAndCalibrationTimes) {
   write(3, 0xA1);
-  for (const RateRow& row : kRates) {
+  for (const DataRateRow& row : kDataRates) {
     write(3, row.code);
     EXPECT_FALSE(isReady());
     EXPECT_EQ(untilReady(), millisecondsOf(row.settledMs)) << row.samples;
-    EXPECT_EQ(untilReady(), clocks(7.68e6 / row.samples)) << row.samples;
+    EXPECT_EQ(untilReady(), crystalClocks(7.68e6 / row.samples)) << row.samples;
     restart();
     // From the first edge of WAKEUP on.
     EXPECT_EQ(untilReady(), millisecondsOf(row.settledMs) - microseconds(15)) << row.samples;
@@ -361,7 +362,7 @@ TEST_F(Ads1256Timing, EveryRateHasItsSettlingPeriodAndCalibrationTimes) {
     const auto registers = adc.registers();
     EXPECT_EQ(registers[8] | unsigned{registers[9]} << 8U | unsigned{registers[10]} << 16U,
               row.fullScale);
-    EXPECT_EQ(untilReady(), clocks(7.68e6 / row.samples)) << row.samples;
+    EXPECT_EQ(untilReady(), crystalClocks(7.68e6 / row.samples)) << row.samples;
   }
   EXPECT_THAT(board.violations(), IsEmpty());
 }
@@ -399,7 +400,7 @@ TEST_F(Ads1256Timing, AnUnreadChipPulsesReadyAtEveryResult) {
   const Time last = board.now();
   board.advance(milliseconds(2));
   EXPECT_EQ(ready.heard, "1010");
-  EXPECT_EQ(ready.times.at(0), last + milliseconds(1) - clocks(16));
+  EXPECT_EQ(ready.times.at(0), last + milliseconds(1) - crystalClocks(16));
   EXPECT_EQ(ready.times.at(1), last + milliseconds(1));
 }
 
@@ -532,7 +533,7 @@ TEST_F(Ads1256Data, DataOutIsDrivenOnlyWhileDataComeOut) {
   format.bitsPerWord = 1;
   send({0});
   EXPECT_TRUE(bus.miso().net()->driven());
-  board.advance(clocks(8));
+  board.advance(crystalClocks(8));
   EXPECT_FALSE(bus.miso().net()->driven());
   format.bitsPerWord = 8;
   EXPECT_THAT(send({0}), ElementsAre(0xFF));  // the level of an open wire here
@@ -653,7 +654,7 @@ TEST_F(Ads1256Control, StandbyIsASingleShot) {
   EXPECT_THAT(rulesOf(board), ElementsAre("adc command-in-standby", "adc command-in-standby"));
   EXPECT_EQ(adc.registers()[1], 0x01);
   frame({0x00});
-  EXPECT_EQ(untilReady(), clocks(1.18 * 7680 + 256) - microseconds(15));
+  EXPECT_EQ(untilReady(), crystalClocks(1.18 * 7680 + 256) - microseconds(15));
 }
 
 TEST_F(Ads1256Control, TheResetPinSetsEverythingBackAndCalibrates) {

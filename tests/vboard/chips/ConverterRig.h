@@ -4,9 +4,7 @@
 
 #include <gmock/gmock.h>
 
-#include <stdexcept>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include "tests/vboard/board/Parts.h"
@@ -63,15 +61,6 @@ struct ConverterRig : testing::Test {
     return board.now() - start;
   }
 };
-
-inline vboard::Property& propertyOf(vboard::Part& part, std::string_view name) {
-  for (vboard::Property& property : part.properties()) {
-    if (property.name == name) {
-      return property;
-    }
-  }
-  throw std::invalid_argument(std::string(name));
-}
 
 }  // namespace convertertest
 

@@ -12,13 +12,13 @@ namespace {
 
 using boardtest::Hand;
 
-struct Rig {
+struct DecoderRig {
   vboard::Board board;
   vboard::Decoder3to8& chip = board.add<vboard::Decoder3to8>("u1");
   Hand* address[3];
   Hand* enable[3];
 
-  Rig() {
+  DecoderRig() {
     for (int i = 0; i < 3; ++i) {
       address[i] = &board.add<Hand>("address" + std::to_string(i));
       enable[i] = &board.add<Hand>("enable" + std::to_string(i));
@@ -45,7 +45,7 @@ struct Rig {
 };
 
 TEST(Decoder3to8, PullsTheAddressedOutputLow) {
-  Rig rig;
+  DecoderRig rig;
   for (int number = 0; number < 8; ++number) {
     rig.set(number);
     std::string expected = "11111111";
@@ -55,7 +55,7 @@ TEST(Decoder3to8, PullsTheAddressedOutputLow) {
 }
 
 TEST(Decoder3to8, WithoutAnyOfItsEnablesSelectsNothing) {
-  Rig rig;
+  DecoderRig rig;
   rig.set(3);
   rig.enable[0]->high();
   EXPECT_EQ(rig.outputs(), "11111111");

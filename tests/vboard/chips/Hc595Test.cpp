@@ -22,7 +22,7 @@ using vboard::Hc595;
 using vboard::PropertyValue;
 
 /// One chip on a bus, with its latch in a hand.
-struct Rig {
+struct Hc595Rig {
   Board board;
   vboard::SpiBus& spi = board.addSpiBus({.number = 1});
   Hc595& chip = board.add<Hc595>("u1");
@@ -31,7 +31,7 @@ struct Rig {
   Hand& disable = board.add<Hand>("disable");
   vboard::SpiFormat format{.mode = 0, .bitsPerWord = 8, .speedHz = 1000000};
 
-  Rig() {
+  Hc595Rig() {
     board.attach(chip, spi);
     board.connect(latchHand.p(), chip.pin("RCLK"));
     board.connect(clear.p(), chip.pin("SRCLR"));
@@ -65,7 +65,7 @@ struct Rig {
 };
 
 TEST(Hc595Model, TheLastBitShiftedInStandsAtQA) {
-  Rig rig;
+  Hc595Rig rig;
   rig.send({0b11000001});
   rig.latch();
   EXPECT_EQ(rig.pins(), "11000001");
@@ -74,7 +74,7 @@ TEST(Hc595Model, TheLastBitShiftedInStandsAtQA) {
 }
 
 TEST(Hc595Model, OnlyARisingLatchMovesTheOutputs) {
-  Rig rig;
+  Hc595Rig rig;
   rig.send({0xFF});
   rig.latch();
   rig.send({0x12});
@@ -89,7 +89,7 @@ TEST(Hc595Model, OnlyARisingLatchMovesTheOutputs) {
 
 TEST(Hc595Model, TakesBitsOnRisingEdgesInModesZeroAndThree) {
   for (const uint8_t mode : {uint8_t{0}, uint8_t{3}}) {
-    Rig rig;
+    Hc595Rig rig;
     rig.format.mode = mode;
     rig.send({0xA5, 0xA5});
     rig.latch();
@@ -100,7 +100,7 @@ TEST(Hc595Model, TakesBitsOnRisingEdgesInModesZeroAndThree) {
 
 TEST(Hc595Model, InModesOneAndTwoTheDataRacesTheClockAndModeOneComesABitTooLate) {
   for (const uint8_t mode : {uint8_t{1}, uint8_t{2}}) {
-    Rig rig;
+    Hc595Rig rig;
     rig.format.mode = mode;
     rig.send({0x00});
     rig.send({0xA5});
@@ -111,7 +111,7 @@ TEST(Hc595Model, InModesOneAndTwoTheDataRacesTheClockAndModeOneComesABitTooLate)
 }
 
 TEST(Hc595Model, ClearingEmptiesTheShiftRegisterOnly) {
-  Rig rig;
+  Hc595Rig rig;
   rig.send({0x81});
   rig.latch();
   rig.clear.low();
@@ -128,7 +128,7 @@ TEST(Hc595Model, ClearingEmptiesTheShiftRegisterOnly) {
 }
 
 TEST(Hc595Model, DisablingLetsGoOfTheOutputsAndOfNothingElse) {
-  Rig rig;
+  Hc595Rig rig;
   rig.send({0xFF});
   rig.latch();
   rig.disable.high();
@@ -182,7 +182,7 @@ TEST(Hc595Model, ThreeInARowKeepTheLastTwentyFourBits) {
 }
 
 TEST(Hc595Model, ComesUpWithNoiseAndComplainsWhenItIsLatched) {
-  Rig rig;
+  Hc595Rig rig;
   rig.format.bitsPerWord = 7;
   rig.send({0});
   rig.latch();
@@ -215,7 +215,7 @@ TEST(Hc595Model, NoiseDiffersFromChipToChipUnlessZerosAreAskedFor) {
 }
 
 TEST(Hc595Model, LosingPowerForgetsEverything) {
-  Rig rig;
+  Hc595Rig rig;
   rig.send({0xFF});
   rig.latch();
   rig.chip.losePower();
@@ -227,7 +227,7 @@ TEST(Hc595Model, LosingPowerForgetsEverything) {
 }
 
 TEST(Hc595Model, AClockAboveItsLimitIsReportedWhenItsBitsAreLatched) {
-  Rig rig;
+  Hc595Rig rig;
   rig.format.speedHz = 20000000;
   rig.send({0x55});
   EXPECT_THAT(rulesOf(rig.board), IsEmpty()) << "somebody else's traffic, for all it knows";
@@ -241,7 +241,7 @@ TEST(Hc595Model, AClockAboveItsLimitIsReportedWhenItsBitsAreLatched) {
 }
 
 TEST(Hc595Model, ALatchTooSoonAfterTheClockIsReported) {
-  Rig rig;
+  Hc595Rig rig;
   rig.send({0x00});
   const std::lock_guard guard(rig.board.mutex());
   rig.spi.sclk().drive(vboard::Drive::High);
@@ -274,7 +274,7 @@ TEST(Hc595Model, WithBothClocksTiedTogetherTheOutputsLagByOne) {
 }
 
 TEST(Hc595Model, HasItsKnobsAndMetersAsProperties) {
-  Rig rig;
+  Hc595Rig rig;
   rig.send({0x5A});
   rig.latch();
   const auto property = [&rig](const std::string& name) -> vboard::Property& {

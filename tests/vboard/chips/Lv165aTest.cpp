@@ -21,7 +21,7 @@ using vboard::Lv165a;
 using vboard::PropertyValue;
 
 /// One chip on a bus; load, inhibit and serial input in hands.
-struct Rig {
+struct Lv165aRig {
   Board board;
   vboard::SpiBus& spi = board.addSpiBus({.number = 1});
   Lv165a& chip = board.add<Lv165a>("u1");
@@ -30,7 +30,7 @@ struct Rig {
   Hand& serial = board.add<Hand>("serial");
   vboard::SpiFormat format{.mode = 0, .bitsPerWord = 8, .speedHz = 1000000};
 
-  Rig() {
+  Lv165aRig() {
     board.attach(chip, spi);
     board.connect(load.p(), chip.pin("SH/LD"));
     board.connect(inhibit.p(), chip.pin("CLK INH"));
@@ -55,7 +55,7 @@ struct Rig {
 };
 
 TEST(Lv165aModel, GivesInputHFirst) {
-  Rig rig;
+  Lv165aRig rig;
   rig.chip.setInputs(0b11000101);
   rig.pulse();
   EXPECT_EQ(rig.read(), 0b11000101U);
@@ -65,7 +65,7 @@ TEST(Lv165aModel, GivesInputHFirst) {
 
 TEST(Lv165aModel, ModesZeroTwoAndThreeReadAllBitsAndModeOneLosesH) {
   for (const uint8_t mode : {uint8_t{0}, uint8_t{1}, uint8_t{2}, uint8_t{3}}) {
-    Rig rig;
+    Lv165aRig rig;
     rig.format.mode = mode;
     rig.spi.setIdle(mode);
     rig.serial.high();
@@ -76,7 +76,7 @@ TEST(Lv165aModel, ModesZeroTwoAndThreeReadAllBitsAndModeOneLosesH) {
 }
 
 TEST(Lv165aModel, FollowsItsInputsWhileLoadIsLowAndFreezesThemWhenItRises) {
-  Rig rig;
+  Lv165aRig rig;
   rig.load.low();
   rig.chip.setInputs(0x80);
   EXPECT_TRUE(rig.chip.pin("QH").high());
@@ -91,7 +91,7 @@ TEST(Lv165aModel, FollowsItsInputsWhileLoadIsLowAndFreezesThemWhenItRises) {
 }
 
 TEST(Lv165aModel, ClocksWhileLoadingShiftNothingAndAreReportedOnce) {
-  Rig rig;
+  Lv165aRig rig;
   rig.load.low();
   rig.chip.setInputs(0xA5);
   EXPECT_EQ(rig.read(), 0xFFU);
@@ -102,7 +102,7 @@ TEST(Lv165aModel, ClocksWhileLoadingShiftNothingAndAreReportedOnce) {
 }
 
 TEST(Lv165aModel, AfterEightClocksTheSerialInputFollows) {
-  Rig rig;
+  Lv165aRig rig;
   rig.chip.setInputs(0x00);
   rig.pulse();
   rig.serial.high();
@@ -111,7 +111,7 @@ TEST(Lv165aModel, AfterEightClocksTheSerialInputFollows) {
 }
 
 TEST(Lv165aModel, AShortFrameGoesOnWhereItStopped) {
-  Rig rig;
+  Lv165aRig rig;
   rig.chip.setInputs(0xC5);
   rig.pulse();
   rig.format.bitsPerWord = 4;
@@ -120,7 +120,7 @@ TEST(Lv165aModel, AShortFrameGoesOnWhereItStopped) {
 }
 
 TEST(Lv165aModel, AnInhibitedClockIsNotSeen) {
-  Rig rig;
+  Lv165aRig rig;
   rig.chip.setInputs(0x81);
   rig.spi.setIdle(2);
   rig.inhibit.high();
@@ -134,7 +134,7 @@ TEST(Lv165aModel, AnInhibitedClockIsNotSeen) {
 }
 
 TEST(Lv165aModel, InhibitingWhileTheClockIsLowShiftsAndIsReported) {
-  Rig rig;
+  Lv165aRig rig;
   rig.chip.setInputs(0x81);
   rig.pulse();
   rig.inhibit.high();
@@ -143,7 +143,7 @@ TEST(Lv165aModel, InhibitingWhileTheClockIsLowShiftsAndIsReported) {
 }
 
 TEST(Lv165aModel, NeverLetsGoOfMiso) {
-  Rig rig;
+  Lv165aRig rig;
   Hand& other = rig.board.add<Hand>("other");
   rig.board.connect(other.p(), rig.spi.miso());
   rig.chip.setInputs(0xFF);
@@ -176,7 +176,7 @@ TEST(Lv165aModel, TwoInARowComeOutTheNearOneFirst) {
 }
 
 TEST(Lv165aModel, AConnectedInputFollowsItsWire) {
-  Rig rig;
+  Lv165aRig rig;
   Hand& input = rig.board.add<Hand>("input");
   rig.board.connect(input.p(), rig.chip.pin("A"));
   rig.chip.setInputs(0x80);
@@ -189,7 +189,7 @@ TEST(Lv165aModel, AConnectedInputFollowsItsWire) {
 }
 
 TEST(Lv165aModel, WarnsAboveTwentyFiveMegahertz) {
-  Rig rig;
+  Lv165aRig rig;
   rig.format.speedHz = 25000000;
   rig.read();
   EXPECT_THAT(rulesOf(rig.board), IsEmpty());
@@ -213,7 +213,7 @@ TEST(Lv165aModel, ComesUpWithNoise) {
 }
 
 TEST(Lv165aModel, HasItsKnobsAndMetersAsProperties) {
-  Rig rig;
+  Lv165aRig rig;
   for (vboard::Property& property : rig.chip.properties()) {
     if (property.name == "inputs") {
       EXPECT_EQ(property.set(PropertyValue(int64_t{165})), std::nullopt);

@@ -4,11 +4,13 @@
 #include <gmock/gmock.h>
 
 #include "tests/vboard/board/Parts.h"
+#include "tests/vboard/chips/Properties.h"
 #include "vboard/board/WireLog.h"
 
 namespace {
 
 using boardtest::Hand;
+using boardtest::propertyOf;
 using boardtest::rulesOf;
 using std::chrono::microseconds;
 using testing::ElementsAre;
@@ -17,7 +19,6 @@ using vboard::Board;
 using vboard::FloatingMiso;
 using vboard::Level;
 using vboard::Mcp3201;
-using vboard::Property;
 using vboard::PropertyValue;
 using vboard::Pull;
 using vboard::Signal;
@@ -430,15 +431,6 @@ TEST_F(Mcp3201Test, AClockLineThatChangesItsIdleLevelWhileSelectedIsAClock) {
   const auto received = clockOut(2);
   deselect();
   EXPECT_THAT(received, ElementsAre(0x29U, 0x71U));
-}
-
-Property& propertyOf(vboard::Part& part, std::string_view name) {
-  for (Property& property : part.properties()) {
-    if (property.name == name) {
-      return property;
-    }
-  }
-  throw std::invalid_argument(std::string(name));
 }
 
 TEST_F(Mcp3201Test, PropertiesTurnTheSameKnobs) {
