@@ -53,7 +53,8 @@ struct stSpiTransferSettings {
 /// Several transfers that travel in one kernel message, with one set of bus settings.
 struct stSpiMultipleTransferSettings {
   spi_ioc_transfer* ioc_transfer = nullptr;  ///< array of the caller
-  /// Entries in the array: 1 to 511 (the kernel's request number can't carry more).
+  /// Entries in the array: 1 to 511 (the kernel's request number can't carry more). Each takes at
+  /// least 64 bytes of the kernel's 4096 for a message on ARMv7, sent and received counted apart.
   uint16_t transfer_count = 0;
   stBusSettings bus_settings;  ///< mode and bit order of the whole message
 };

@@ -104,7 +104,11 @@ const std::vector<ControllerProfile>& ControllerProfile::all() {
   static const std::vector<ControllerProfile> kProfiles = {
       {.name = "full"},
       {.name = "imx-ecspi", .wordSizes = kAllSizes, .lsbFirst = false},
-      {.name = "spi-gpio", .wordSizes = kAllSizes, .noCs = false, .loop = false},
+      {.name = "spi-gpio",
+       .wordSizes = kAllSizes,
+       .noCs = false,
+       .loop = false,
+       .gpioSelects = true},
       {.name = "bcm2835", .wordSizes = kBytesOnly, .lsbFirst = false, .loop = false},
       {.name = "bcm2835-aux",
        .wordSizes = kBytesOnly,

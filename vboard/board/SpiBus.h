@@ -21,8 +21,9 @@ struct ControllerProfile {
   bool lsbFirst = true;
   bool noCs = true;
   bool loop = true;
-  uint8_t modes = 0x0F;     ///< bit n: mode n
-  uint32_t minSpeedHz = 0;  ///< slower transfers are refused
+  bool gpioSelects = false;  ///< SPI_CS_HIGH is accepted and has no effect
+  uint8_t modes = 0x0F;      ///< bit n: mode n
+  uint32_t minSpeedHz = 0;   ///< slower transfers are refused
   uint32_t maxSpeedHz = 125000000;
 
   /// "full", "imx-ecspi", "spi-gpio", "bcm2835", "bcm2835-aux", "sun6i", "omap2-mcspi"; null for

@@ -20,6 +20,9 @@ constexpr uint32_t kTransmitLanes = SPI_TX_DUAL | SPI_TX_QUAD | SPI_TX_OCTAL;
 constexpr uint32_t kReceiveLanes = SPI_RX_DUAL | SPI_RX_QUAD | SPI_RX_OCTAL;
 
 constexpr uint8_t kMaxBitsPerWord = 32;
+/// spidev gives every transfer of a message a place of its own, which begins where DMA of an ARMv7
+/// processor can: however short, it takes this much of `bufsiz`.
+constexpr uint32_t kTransferAlignment = 64;
 /// The largest message that an ioctl number can ask for.
 constexpr size_t kMaxTransfers = ((1U << _IOC_SIZEBITS) - 1) / sizeof(spi_ioc_transfer);
 /// A transfer without buffers gets zeros from one allocation, which can't be larger.
@@ -42,6 +45,10 @@ uint32_t modesOf(const ControllerProfile& profile) {
   modes |= profile.noCs ? SPI_NO_CS : 0;
   modes |= profile.loop ? SPI_LOOP : 0;
   return modes;
+}
+
+constexpr uint32_t placeOf(uint32_t length) {
+  return (length + kTransferAlignment - 1) / kTransferAlignment * kTransferAlignment;
 }
 
 bool takesBits(const ControllerProfile& profile, uint8_t bitsPerWord) {
@@ -343,7 +350,9 @@ Result SpiDevice::setUp(uint32_t mode, uint8_t bitsPerWord) {
   if (!takesBits(profile, bitsPerWord)) {
     return -EINVAL;
   }
-  mode_ = mode;
+  // The polarity of a GPIO select is fixed by whoever describes the board; the kernel takes the
+  // flag and forgets it.
+  mode_ = profile.gpioSelects ? mode & ~uint32_t{SPI_CS_HIGH} : mode;
   bitsPerWord_ = bitsPerWord;
   controller_->deselect(select_, mode_);
   return 0;
@@ -464,17 +473,18 @@ Result SpiDevice::stageMessage(size_t count) {
 Result SpiDevice::stageJob(const spi_ioc_transfer& request, SpiJob& job, uint32_t& transmitted,
                            uint32_t& received) {
   const uint32_t bufsiz = controller_->bus().options().bufsiz;
+  const uint32_t place = placeOf(request.len);
   job = SpiJob{};
   job.length = request.len;
   if (request.rx_buf != 0) {
-    if (request.len > bufsiz - received) {
+    if (place > bufsiz - received) {
       return -EMSGSIZE;
     }
     job.receive = controller_->receiveBytes.data() + received;
-    received += request.len;
+    received += place;
   }
   if (request.tx_buf != 0) {
-    if (request.len > bufsiz - transmitted) {
+    if (place > bufsiz - transmitted) {
       return -EMSGSIZE;
     }
     uint8_t* const bytes = controller_->transmitBytes.data() + transmitted;
@@ -482,7 +492,7 @@ Result SpiDevice::stageJob(const spi_ioc_transfer& request, SpiJob& job, uint32_
       return -EFAULT;
     }
     job.transmit = bytes;
-    transmitted += request.len;
+    transmitted += place;
   }
   return 0;
 }

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <ostream>
+#include <string>
 
 #include "tests/vboard/kernel/SpiBench.h"
 
@@ -75,6 +76,14 @@ TEST_P(ControllerProfiles, NoSelect) {
 
 TEST_P(ControllerProfiles, Loop) {
   EXPECT_EQ(set<uint8_t>(descriptor_, SPI_IOC_WR_MODE, SPI_LOOP), okWhen(GetParam().loop));
+}
+
+TEST_P(ControllerProfiles, ActiveHighSelect) {
+  const bool gpio = std::string(GetParam().profile) == "spi-gpio";
+  EXPECT_EQ(set<uint8_t>(descriptor_, SPI_IOC_WR_MODE, SPI_CS_HIGH | SPI_MODE_1),
+            okWhen(GetParam().modes1And3));
+  EXPECT_EQ(set<uint8_t>(descriptor_, SPI_IOC_WR_MODE, SPI_CS_HIGH), 0);
+  EXPECT_EQ(get<uint8_t>(descriptor_, SPI_IOC_RD_MODE), gpio ? 0 : SPI_CS_HIGH);
 }
 
 TEST_P(ControllerProfiles, WhatAllOfThemDo) {

@@ -431,9 +431,25 @@ TEST_F(Spidev, OneBufferMaySendAndReceive) {
 }
 
 TEST_F(Spidev, OneMessageTakesAsManyTransfersAsItsNumberHolds) {
-  uint8_t byte = 1;
-  std::vector<spi_ioc_transfer> transfers(511, transferOf(&byte, nullptr, 1));
+  const std::vector<spi_ioc_transfer> transfers(511, transferOf(nullptr, nullptr, 1));
   EXPECT_EQ(message(descriptor_, transfers), 511);
+}
+
+TEST_F(Spidev, EveryTransferTakesAPlaceOf64BytesInTheBuffer) {
+  uint8_t byte = 1;
+  std::vector<spi_ioc_transfer> sends(64, transferOf(&byte, nullptr, 1));
+  EXPECT_EQ(message(descriptor_, sends), 64);
+  sends.push_back(sends.front());
+  EXPECT_EQ(message(descriptor_, sends), -EMSGSIZE);
+  std::vector<spi_ioc_transfer> receives(64, transferOf(nullptr, &byte, 1));
+  EXPECT_EQ(message(descriptor_, receives), 64);
+  receives.push_back(receives.front());
+  EXPECT_EQ(message(descriptor_, receives), -EMSGSIZE);
+  // A place of one byte more is one place more.
+  Bytes bytes(4096);
+  const auto sent = [&](uint32_t length) { return transferOf(bytes.data(), nullptr, length); };
+  EXPECT_EQ(message(descriptor_, {sent(4032), sent(64)}), 4096);
+  EXPECT_EQ(message(descriptor_, {sent(4033), sent(63)}), -EMSGSIZE);
 }
 
 // Words
