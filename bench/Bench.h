@@ -50,11 +50,16 @@ inline void check(bool good, const char* what) {
 /// Counts the system calls on the board's nodes, and the heap allocations, of one call.
 Operation count(std::string name, vboard::Board& board, const std::function<void()>& call);
 
+void addAd529x(Suite& suite);
+void addAt25640b(Suite& suite);
 void addDeltaSigma(Suite& suite);
 void addHc595(Suite& suite);
+void addIcmd(Suite& suite);
 void addLv165a(Suite& suite);
 void addMcp3201(Suite& suite);
+void addMcp4822(Suite& suite);
 void addStepper(Suite& suite);
+void addTlc5947(Suite& suite);
 void addVboard(Suite& suite);
 
 }  // namespace bench

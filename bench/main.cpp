@@ -85,6 +85,11 @@ int main(int argc, char** argv) {
   bench::addHc595(suite);
   bench::addLv165a(suite);
   bench::addDeltaSigma(suite);
+  bench::addMcp4822(suite);
+  bench::addTlc5947(suite);
+  bench::addIcmd(suite);
+  bench::addAt25640b(suite);
+  bench::addAd529x(suite);
   bench::addStepper(suite);
   bench::addVboard(suite);
 

@@ -28,16 +28,16 @@ if(VARNEL_SANITIZE)
   target_link_options(varnel_options INTERFACE -fsanitize=${VARNEL_SANITIZE})
 endif()
 
-# varnel_destroys_motor_drivers([TESTS target...] [PROGRAMS target...]): these destroy motor drivers,
-# which leave a block allocated on purpose. The sanitizers are told of that block and of no other; in
-# programs, which run under the launcher, of every block from the library: what the launcher preloads
-# keeps the symbolizer from starting, and functions have no names there.
-function(varnel_destroys_motor_drivers)
+# varnel_leaves_blocks_allocated([TESTS target...] [PROGRAMS target...]): these destroy drivers of motors
+# or memories, which leave a block allocated on purpose. The sanitizers are told of these blocks and of
+# no other; in programs, which run under the launcher, of every block from the library: what the
+# launcher preloads keeps the symbolizer from starting, and functions have no names there.
+function(varnel_leaves_blocks_allocated)
   cmake_parse_arguments(arg "" "" "TESTS;PROGRAMS" ${ARGN})
   if(VARNEL_SANITIZE)
     foreach(target IN LISTS arg_TESTS arg_PROGRAMS)
       target_sources(${target} PRIVATE
-        ${PROJECT_SOURCE_DIR}/tests/varnel/chips/MotorDriverSanitizers.cpp)
+        ${PROJECT_SOURCE_DIR}/tests/varnel/chips/Sanitizers.cpp)
     endforeach()
     foreach(target IN LISTS arg_PROGRAMS)
       target_compile_definitions(${target} PRIVATE RUNS_UNDER_LAUNCHER)

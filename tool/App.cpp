@@ -78,24 +78,6 @@ CLI::Option* addNumber(CLI::App& command, const std::string& name, Number& targe
       ->default_str(std::to_string(target));
 }
 
-/// Decimal, 0x and hexadecimal digits, or 0b and binary digits.
-std::optional<uint64_t> parseWhole(std::string_view text) {
-  int base = 10;
-  if (text.starts_with("0x") || text.starts_with("0X")) {
-    base = 16;
-  } else if (text.starts_with("0b") || text.starts_with("0B")) {
-    base = 2;
-  }
-  text.remove_prefix(base == 10 ? 0 : 2);
-  uint64_t number = 0;
-  const char* const end = text.data() + text.size();
-  const auto result = std::from_chars(text.data(), end, number, base);
-  if (result.ec != std::errc() || result.ptr != end) {
-    return std::nullopt;
-  }
-  return number;
-}
-
 /// The subcommand that the command line got to.
 const CLI::App& deepest(const CLI::App& root) {
   const CLI::App* app = &root;
@@ -237,10 +219,16 @@ int App::argumentsFailed(const CLI::ParseError& error, std::ostream& out, std::o
 }
 
 void App::checkSelect(const ChipInfo& chip) const {
-  if (options_.selectPin && !chip.usesBus) {
+  if (options_.selectPin && !(chip.usesBus && chip.hasSelect)) {
     throw CLI::ValidationError("--cs", fmt::format("the {} has no select line", chip.title));
   }
   if (!options_.expander) {
+    if (chip.needsSelectPin && !options_.selectPin) {
+      throw CLI::ValidationError(
+          "--cs", fmt::format("is required: the {} stays selected over several transfers, and the "
+                              "node's own select ends after each",
+                              chip.title));
+    }
     return;
   }
   const bool implicitly = options_.expander->implicitly;
@@ -325,6 +313,23 @@ CLI::Option* addValue(CLI::App& command, const std::string& name, uint64_t& targ
     target = *number;
   };
   return command.add_option_function<std::string>(name, parse, about)->required()->type_name("");
+}
+
+std::optional<uint64_t> parseWhole(std::string_view text) {
+  int base = 10;
+  if (text.starts_with("0x") || text.starts_with("0X")) {
+    base = 16;
+  } else if (text.starts_with("0b") || text.starts_with("0B")) {
+    base = 2;
+  }
+  text.remove_prefix(base == 10 ? 0 : 2);
+  uint64_t number = 0;
+  const char* const end = text.data() + text.size();
+  const auto result = std::from_chars(text.data(), end, number, base);
+  if (result.ec != std::errc() || result.ptr != end) {
+    return std::nullopt;
+  }
+  return number;
 }
 
 uint64_t highestOf(unsigned int bits) {

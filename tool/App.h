@@ -8,6 +8,7 @@
 #include <iosfwd>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "tool/Options.h"
@@ -86,6 +87,8 @@ CLI::Option* addWhole(CLI::App& command, const std::string& name, unsigned int& 
 /// decimal, 0x and hexadecimal digits, or 0b and binary digits.
 CLI::Option* addValue(CLI::App& command, const std::string& name, uint64_t& target,
                       const std::string& about);
+/// Reads a whole number from 0 on: decimal, 0x and hexadecimal digits, or 0b and binary digits.
+std::optional<uint64_t> parseWhole(std::string_view text);
 /// The highest value of so many bits, 1 to 64.
 uint64_t highestOf(unsigned int bits);
 /// Adds --count and --interval.

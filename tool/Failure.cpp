@@ -45,6 +45,8 @@ constexpr StepText kSteps[] = {
      "a lower --speed; dmesg shows what the controller's driver says; a chip may be selected"},
     {Step::WriteAddress, "can't write the address to the GPIO lines {pin} ({option})",
      "gpioinfo shows whether the lines are still there; some may have changed already"},
+    {Step::WriteLine, "can't write GPIO line {pin} of the {chip} ({option})",
+     "gpioinfo shows whether the line is still there"},
     {Step::CloseNode, "can't close {node}", "dmesg shows what the controller's driver says"},
 };
 

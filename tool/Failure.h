@@ -25,6 +25,7 @@ enum class Step : uint8_t {
   ExpanderDeselectLatch,     ///< writing the expander's latch line to deselect all chips
   ExpanderDeselectTransfer,  ///< shifting the none address into the expander
   WriteAddress,              ///< writing an address to GPIO lines
+  WriteLine,                 ///< writing another line of the chip
   CloseNode,                 ///< closing the node
 };
 

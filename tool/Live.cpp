@@ -34,21 +34,30 @@ bool wantsUtf8() {
   return false;
 }
 
+/// The descriptor of a stream that appears on a terminal, or -1.
+int terminalDescriptor(const std::ostream& out) {
+  const int descriptor = &out == &std::cout   ? STDOUT_FILENO
+                         : &out == &std::cerr ? STDERR_FILENO
+                                              : -1;
+  return descriptor >= 0 && isatty(descriptor) != 0 ? descriptor : -1;
+}
+
 }  // namespace
 
 bool isTerminal(const std::ostream& out) {
-  return &out == &std::cout && isatty(STDOUT_FILENO) != 0;
+  return terminalDescriptor(out) >= 0;
 }
 
 Terminal terminalOf(const std::ostream& out) {
   Terminal terminal;
-  if (!isTerminal(out)) {
+  const int descriptor = terminalDescriptor(out);
+  if (descriptor < 0) {
     return terminal;
   }
   terminal.present = true;
   terminal.utf8 = wantsUtf8();
   winsize size{};
-  if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0) {
+  if (ioctl(descriptor, TIOCGWINSZ, &size) == 0 && size.ws_col > 0) {
     terminal.columns = size.ws_col;
   }
   return terminal;

@@ -9,6 +9,8 @@
 #include <stdexcept>
 #include <utility>
 
+#include "tool/ChipError.h"
+
 namespace tool {
 namespace {
 
@@ -90,6 +92,11 @@ Orv::CLinuxIoPin Session::connectLatch(const PinSpec& spec, std::string_view opt
                                        Orv::ePinMode mode) {
   latch_ = {spec.text, std::string(option)};
   return connectPin(spec, option, Orv::OUTPUT_PIN, mode);
+}
+
+unsigned int Session::latchNumber(const PinSpec& spec, std::string_view option) {
+  latch_ = {spec.text, std::string(option)};
+  return pinNumber(spec);
 }
 
 void Session::checkLine(Step step, TErrCode code, std::string_view pin,
@@ -215,6 +222,9 @@ int runSession(const GlobalOptions& options, const ChipInfo& chip, std::ostream&
     session.open();
     body(session);
   } catch (const DeviceError& error) {
+    report(err, error.what());
+    status = 1;
+  } catch (const ChipError& error) {
     report(err, error.what());
     status = 1;
   } catch (const OutputError& error) {

@@ -47,6 +47,9 @@ struct ChipInfo {
   /// No faster clock is set, whatever is given: on a faster bus the driver of a chip that is
   /// selected over several transfers would change the clock between them.
   uint16_t highestKHz = 65535;
+  /// An exchange is several transfers in one select, which only a GPIO line holds.
+  bool needsSelectPin = false;
+  bool hasSelect = true;  ///< false: no select line reaches it, --cs is refused
 };
 
 /// A chip select pin whose failures are noted.
@@ -81,6 +84,8 @@ class Session {
   /// Takes the chip's own latch line, an output: what fails in an operation outside the bus and
   /// the select is put down to it.
   Orv::CLinuxIoPin connectLatch(const PinSpec& spec, std::string_view option, Orv::ePinMode mode);
+  /// The same for a driver that takes its latch line itself: the pin number to give to it.
+  unsigned int latchNumber(const PinSpec& spec, std::string_view option);
   /// The pin number under which the library finds the pin; for drivers that connect it themselves.
   unsigned int pinNumber(const PinSpec& spec);
   /// Passes the result of a step on other lines, or throws DeviceError for a negative one.

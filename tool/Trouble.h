@@ -33,8 +33,10 @@ class Trouble {
 template <typename Driver>
 class Watched : public Driver {
  public:
-  /// `trouble` must outlive the driver.
-  explicit Watched(Trouble& trouble) : trouble_(trouble) {}
+  /// `trouble` must outlive the driver, which is made of `arguments`.
+  template <typename... Arguments>
+  explicit Watched(Trouble& trouble, const Arguments&... arguments)
+      : Driver(arguments...), trouble_(trouble) {}
 
   using Driver::executeTransfer;
   TErrCode executeTransfer() override {

@@ -9,9 +9,11 @@
 #include <cstdlib>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <thread>
 #include <vector>
 
+#include "tests/board/EepromBoard.h"
 #include "varnel/chips/analogin/SpiAnalogIn1x12Bit_MCP3201.h"
 #include "varnel/chips/analogin/SpiAnalogIn2x24BitADS1248.h"
 #include "varnel/chips/analogin/SpiAnalogIn4x24BitADS1256.h"
@@ -223,6 +225,104 @@ TEST(Concurrency, CachesOfSlowConvertersCanBeReadWhileTheyConvert) {
   for (Varnel::CLinuxSpiBus& bus : buses) {
     EXPECT_EQ(bus.close(), 0);
   }
+}
+
+/// Two memories, selected by lines 0 and 1, and a converter at 2.5 V, selected by line 2, on one
+/// bus.
+struct SharedBus {
+  SharedBus() {
+    vboard::SpiBus& spi = board.addSpiBus({.number = 1});
+    vboard::GpioChip& gpio = board.addGpioChip({.lines = 8});
+    for (int i = 0; i < 2; ++i) {
+      auto& chip = board.add<vboard::At25640b>("eeprom" + std::to_string(i));
+      board.attach(chip, spi);
+      board.connect(chip.pin("CS"), gpio.line(i));
+      chips.push_back(&chip);
+    }
+    auto& adc = board.add<vboard::Mcp3201>("adc");
+    adc.setInput(2.50061);
+    board.attach(adc, spi);
+    board.connect(adc.pin("CS"), gpio.line(2));
+    kernel = std::make_unique<vboard::Kernel>(board);
+    EXPECT_EQ(bus.setSpiSpeedKHz(1000), 0);
+    EXPECT_EQ(bus.open(), 0);
+    for (unsigned line = 0; line < 3; ++line) {
+      selectors.push_back(
+          std::make_unique<Varnel::CGpioPinChipSelector>(line, Orv::PIN_MODE_INVERT));
+      EXPECT_EQ(selectors.back()->connect(), 0);
+    }
+    for (size_t i = 0; i < 2; ++i) {
+      eeproms[i].setBus(&bus);
+      eeproms[i].setChipSelector(selectors[i].get());
+    }
+    converter.setBus(&bus);
+    converter.setChipSelector(selectors[2].get());
+  }
+  ~SharedBus() { EXPECT_EQ(bus.close(), 0); }
+  SharedBus(const SharedBus&) = delete;
+  SharedBus& operator=(const SharedBus&) = delete;
+
+  vboard::Board board;
+  std::vector<vboard::At25640b*> chips;
+  std::unique_ptr<vboard::Kernel> kernel;
+  Varnel::CLinuxSpiBus bus;
+  std::vector<std::unique_ptr<Varnel::CGpioPinChipSelector>> selectors;
+  std::array<boardtest::Eeprom, 2> eeproms;
+  Varnel::CSpiAnalogIn1x12Bit_MCP3201 converter;
+};
+
+/// Bytes stored and read back by one thread, with the bus locked around every call of the driver;
+/// between them others get their turn. Counts what went wrong.
+int storeAndReadBack(SharedBus& shared, size_t memory, int bytes) {
+  boardtest::Eeprom& eeprom = shared.eeproms[memory];
+  const auto locked = [&shared](auto call) {
+    const std::lock_guard<std::recursive_mutex> lock(shared.bus.transferMutex());
+    return call();
+  };
+  int wrong = 0;
+  for (int i = 0; i < bytes; ++i) {
+    const auto address = static_cast<uint16_t>(300 * memory + static_cast<size_t>(i));
+    const auto value = static_cast<uint8_t>(7 * i + static_cast<int>(memory));
+    wrong += locked([&] { return eeprom.setWriteEnable(true); }) != 0 ? 1 : 0;
+    wrong += locked([&] { return eeprom.writeByte(address, value); }) != 0 ? 1 : 0;
+    uint8_t status = 1;
+    while (locked([&] { return eeprom.readStatus(status); }) == 0 && (status & 1U) != 0) {
+      Orv::CThread::sleep(1);
+    }
+    uint8_t back = 0;
+    wrong += locked([&] { return eeprom.readByte(address, back); }) != 0 ? 1 : 0;
+    wrong += back != value ? 1 : 0;
+  }
+  return wrong;
+}
+
+TEST(Concurrency, TwoMemoriesOnABusThatTheirCallersLockKeepTheirBytes) {
+  constexpr int kBytes = 60;
+  SharedBus shared;
+  std::array<int, 2> wrong{};
+  std::thread other([&] { wrong[1] = storeAndReadBack(shared, 1, kBytes); });
+  wrong[0] = storeAndReadBack(shared, 0, kBytes);
+  other.join();
+  EXPECT_THAT(wrong, testing::Each(0));
+  EXPECT_EQ(shared.chips[0]->writes(), static_cast<uint64_t>(kBytes));
+  EXPECT_EQ(shared.chips[1]->writes(), static_cast<uint64_t>(kBytes));
+  EXPECT_EQ(shared.board.violationCount(), 0U);
+}
+
+TEST(Concurrency, AMemoryWhoseCallerLocksTheBusLivesWithADriverThatLocksItself) {
+  SharedBus shared;
+  int wrongReadings = 0;
+  std::thread reader([&] {
+    for (int n = 0; n < kReadings; ++n) {
+      uint16_t code = 0;
+      wrongReadings += shared.converter.readInput(&code, true) == 0 && code == 2048 ? 0 : 1;
+    }
+  });
+  const int wrong = storeAndReadBack(shared, 0, 60);
+  reader.join();
+  EXPECT_EQ(wrong, 0);
+  EXPECT_EQ(wrongReadings, 0);
+  EXPECT_EQ(shared.board.violationCount(), 0U);
 }
 
 }  // namespace

@@ -18,9 +18,7 @@ struct Section {
 constexpr Section kSections[] = {
     {"bus", checks::checkBus},       {"controllers", checks::checkControllers},
     {"pins", checks::checkPins},     {"chips", checks::checkChips},
-#ifdef HAS_EEPROM_DRIVER
     {"eeprom", checks::checkEeprom},
-#endif
 };
 
 bool run(std::string_view name) {

@@ -21,12 +21,6 @@ const std::string kPages[] = {
     "-h",
     "mcp3201 --help",
     "mcp3201 read --help",
-    "ads1248 --help",
-    "ads1248 read --help",
-    "ads1248 rate --help",
-    "ads1248 gain --help",
-    "ads1256 --help",
-    "ads1256 read --help",
     "hc595 --help",
     "hc595 write --help",
     "lv165a --help",
@@ -35,6 +29,37 @@ const std::string kPages[] = {
     "address write --help",
     "l6470 --help",
     "powerstep01 --help",
+    "icmd --help",
+    "icmd read --help",
+    "icmd watch --help",
+    "icmd clear --help",
+    "icmd config --help",
+    "at25640b --help",
+    "at25640b status --help",
+    "at25640b read --help",
+    "at25640b write --help",
+    "at25640b dump --help",
+    "at25640b load --help",
+    "at25640b verify --help",
+    "mcp4822 --help",
+    "mcp4822 set --help",
+    "tlc5947 --help",
+    "tlc5947 set --help",
+    "ad529x --help",
+    "ad529x set --help",
+    "tlc5947 all --help",
+    "tlc5947 blank --help",
+    "tlc5947 show --help",
+    "ad529x get --help",
+    "ad529x store --help",
+    "ad529x memory --help",
+    "ad529x control --help",
+    "ads1248 --help",
+    "ads1248 read --help",
+    "ads1248 rate --help",
+    "ads1248 gain --help",
+    "ads1256 --help",
+    "ads1256 read --help",
 };
 
 /// The words of both stepper controllers.
@@ -72,14 +97,14 @@ INSTANTIATE_TEST_SUITE_P(
     testing::Values(
         BadLine{"",
                 "varnel: a subcommand is missing: mcp3201, ads1248, ads1256, hc595, lv165a, l6470, "
-                "powerstep01, address\n  try: varnel "
+                "powerstep01, mcp4822, tlc5947, ad529x, icmd, at25640b, address\n  try: varnel "
                 "--help\n"},
         BadLine{"mcp3201", "varnel: a subcommand is missing: read\n  try: varnel mcp3201 --help\n"},
-        BadLine{
-            "bogus",
-            "varnel: 'bogus' is no subcommand here; subcommands: mcp3201, ads1248, ads1256, hc595, "
-            "lv165a, l6470, powerstep01, address\n"
-            "  try: varnel --help\n"},
+        BadLine{"bogus",
+                "varnel: 'bogus' is no subcommand here; subcommands: mcp3201, ads1248, ads1256, "
+                "hc595, lv165a, l6470, "
+                "powerstep01, mcp4822, tlc5947, ad529x, icmd, at25640b, address\n"
+                "  try: varnel --help\n"},
         BadLine{"mcp3201 raed",
                 "varnel: 'raed' is no subcommand here; subcommands: read\n"
                 "  try: varnel mcp3201 --help\n"},
@@ -325,6 +350,97 @@ INSTANTIATE_TEST_SUITE_P(
                 "mode 0\n  try: varnel powerstep01 stop --help\n"}));
 
 INSTANTIATE_TEST_SUITE_P(
+    OutputChips, BadArguments,
+    testing::Values(
+        BadLine{"mcp4822 set 1 --ldac 24",
+                "varnel: B is required\n  try: varnel mcp4822 set --help\n"},
+        BadLine{"mcp4822 set 1 2",
+                "varnel: --ldac is required\n  try: varnel mcp4822 set --help\n"},
+        BadLine{"mcp4822 set 1 4096 --ldac 24",
+                "varnel: B: '4096' is neither a code from 0 to 4095 nor a voltage from 0V to "
+                "2.0475V\n  try: varnel mcp4822 set --help\n"},
+        BadLine{"mcp4822 set 3.3V 0 --ldac 24",
+                "varnel: A: '3.3V' is neither a code from 0 to 4095 nor a voltage from 0V to "
+                "2.0475V\n  try: varnel mcp4822 set --help\n"},
+        BadLine{"mcp4822 set 1 2 --ldac gpiochip1",
+                "varnel: --ldac: 'gpiochip1' is a chip: name one of its lines, e.g. gpiochip1:15\n"
+                "  try: varnel mcp4822 set --help\n"},
+        BadLine{"mcp4822 set 1 2 --ldac 24 --expander 22:3:implicit",
+                "varnel: --expander: the MCP4822 can't be selected implicitly: each of its two "
+                "words is a select\n  try: varnel mcp4822 set --help\n"},
+        BadLine{"tlc5947 set --latch 22",
+                "varnel: SETTING is required\n  try: varnel tlc5947 set --help\n"},
+        BadLine{"tlc5947 set 0=1",
+                "varnel: --latch is required\n  try: varnel tlc5947 set --help\n"},
+        BadLine{"tlc5947 set 0 --latch 22",
+                "varnel: SETTING: '0' is not OUTPUT=VALUE, such as 5=2048 or 0-2=4095\n"
+                "  try: varnel tlc5947 set --help\n"},
+        BadLine{"tlc5947 set 24=1 --latch 22",
+                "varnel: SETTING: output 24 is above 23, the last one of 1 chip\n"
+                "  try: varnel tlc5947 set --help\n"},
+        BadLine{"tlc5947 set 40-99=1 --latch 22 --chain 4",
+                "varnel: SETTING: output 99 is above 95, the last one of 4 chips\n"
+                "  try: varnel tlc5947 set --help\n"},
+        BadLine{"tlc5947 all 4096 --latch 22",
+                "varnel: VALUE: 4096 is above 4095, the largest pulse width\n"
+                "  try: varnel tlc5947 all --help\n"},
+        BadLine{"tlc5947 all 1 --latch 22 --chain 65",
+                "varnel: --chain: '65' is not a number of chips from 1 to 64\n"
+                "  try: varnel tlc5947 all --help\n"},
+        BadLine{"tlc5947 all 1 --latch 22 --hold 5",
+                "varnel: --hold requires --blank\n  try: varnel tlc5947 all --help\n"},
+        BadLine{"tlc5947 show", "varnel: --blank is required\n  try: varnel tlc5947 show --help\n"},
+        BadLine{"tlc5947 blank --blank 23 --hold x",
+                "varnel: --hold: 'x' is not a time in ms from 0 to 86400000\n"
+                "  try: varnel tlc5947 blank --help\n"},
+        BadLine{"tlc5947 all 1 --latch 22 --cs 25",
+                "varnel: --cs: the TLC5947 has no select line\n"
+                "  try: varnel tlc5947 all --help\n"},
+        BadLine{"tlc5947 all 1 --latch 22 --expander 22:3",
+                "varnel: --expander: the TLC5947 can't be selected through an expander: it has no "
+                "select line\n  try: varnel tlc5947 all --help\n"},
+        BadLine{"ad529x get", "varnel: --sync is required\n  try: varnel ad529x get --help\n"},
+        BadLine{"ad529x set --sync 25",
+                "varnel: POSITION is required\n  try: varnel ad529x set --help\n"},
+        BadLine{"ad529x set 1024 --sync 25",
+                "varnel: POSITION: 1024 is above 1023, the last position of an ad5292\n"
+                "  try: varnel ad529x set --help\n"},
+        BadLine{"ad529x set 256 --sync 25 --part ad5291",
+                "varnel: POSITION: 256 is above 255, the last position of an ad5291\n"
+                "  try: varnel ad529x set --help\n"},
+        BadLine{"ad529x set 1 --sync 25 --part ad5290",
+                "varnel: --part: 'ad5290' is none of ad5292, ad5291\n"
+                "  try: varnel ad529x set --help\n"},
+        BadLine{"ad529x control 8 --sync 25",
+                "varnel: VALUE: 8 is above 7, the highest value of the bits that can be set\n"
+                "  try: varnel ad529x control --help\n"},
+        BadLine{"ad529x get --sync 25 --cs 24",
+                "varnel: --cs: the AD529x has no select line\n"
+                "  try: varnel ad529x get --help\n"},
+        BadLine{"ad529x get --sync 25 --expander 22:3",
+                "varnel: --expander: the AD529x can't be selected through an expander: it has no "
+                "select line but SYNC (--sync)\n  try: varnel ad529x get --help\n"}));
+
+INSTANTIATE_TEST_SUITE_P(
+    ChipsThatStaySelected, BadArguments,
+    testing::Values(
+        BadLine{"icmd read",
+                "varnel: --cs: is required: the iC-MD stays selected over several transfers, and "
+                "the node's own select ends after each\n  try: varnel icmd read --help\n"},
+        BadLine{"at25640b status --spi /dev/spidev0.1",
+                "varnel: --cs: is required: the AT25640B stays selected over several transfers, "
+                "and the node's own select ends after each\n"
+                "  try: varnel at25640b status --help\n"},
+        BadLine{"icmd clear --expander 22:3",
+                "varnel: --expander: the iC-MD can't be selected through an expander: what is sent "
+                "to the expander to deselect it would be written to its next registers\n"
+                "  try: varnel icmd clear --help\n"},
+        BadLine{"at25640b read 0 --expander 22:3:implicit",
+                "varnel: --expander: the AT25640B can't be selected through an expander: what is "
+                "sent to the expander to deselect it would make its instructions too long, and be "
+                "written\n  try: varnel at25640b read --help\n"}));
+
+INSTANTIATE_TEST_SUITE_P(
     Converters, BadArguments,
     testing::Values(
         BadLine{"ads1248",
@@ -428,7 +544,7 @@ TEST(Help, EveryExampleIsAcceptedAsItStands) {
       ++examples;
     }
   }
-  EXPECT_GE(examples, 74);
+  EXPECT_GE(examples, 122);
 }
 
 TEST(Help, TellsWhatTheWiringMustBe) {
@@ -466,17 +582,22 @@ TEST(ManualPage, HasExactlyTheOptionsOfTheHelpPages) {
     help += runLine(page).out;
   }
   const auto inHelp = optionsIn(help, "\n  (?:-h,)?--([a-z0-9-]+)");
-  EXPECT_EQ(inHelp.size(), 35U);
+  EXPECT_EQ(inHelp.size(), 51U);
   EXPECT_EQ(optionsIn(manualPage(), "\n\\.It (?:Fl h , )?Fl -([a-z0-9-]+)"), inHelp);
 }
 
 TEST(ManualPage, NamesTheMembersOfJsonObjects) {
   const std::string page = manualPage();
   for (const char* key :
-       {"chip",    "reading",   "code",    "volts",  "value",    "chain",    "latch",
-        "inputs",  "bits",      "address", "pins",   "time",     "position", "speed",
-        "state",   "busy",      "command", "status", "channel",  "rate",     "gain",
-        "bridges", "direction", "switch",  "alarms", "register", "meaning"}) {
+       {"chip",         "channel",   "gain",    "reading",   "code",     "volts",     "value",
+        "chain",        "latch",     "inputs",  "bits",      "address",  "pins",      "time",
+        "position",     "speed",     "state",   "busy",      "command",  "status",    "bridges",
+        "direction",    "switch",    "alarms",  "register",  "meaning",  "code_a",    "volts_a",
+        "code_b",       "volts_b",   "outputs", "duty",      "blank",    "positions", "share",
+        "slot",         "left",      "control", "wiper",     "memory",   "stored",    "calibration",
+        "counter",      "width",     "flags",   "rate",      "counters", "levels",    "reversed",
+        "index_clears", "registers", "enabled", "protected", "wp",       "data",      "written",
+        "unchanged",    "file",      "size",    "different"}) {
     EXPECT_THAT(page, HasSubstr(std::string("\n.It Li ") + key + '\n'));
   }
 }

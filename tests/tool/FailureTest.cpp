@@ -94,6 +94,8 @@ TEST(Failure, EveryStepHasItsOwnCallAndSomethingToTry) {
   EXPECT_THAT(message(Step::ExpanderDeselectTransfer, EIO),
               StartsWith("can't deselect the chips with a transfer to the expander"));
   EXPECT_THAT(message(Step::WriteAddress, EIO), StartsWith("can't write the address to the GPIO"));
+  EXPECT_THAT(message(Step::WriteLine, EIO),
+              StartsWith("can't write GPIO line GPIO25 of the MCP3201 (--cs)"));
   EXPECT_THAT(message(Step::CloseNode, EIO), StartsWith("can't close /dev/spidev1.0"));
   for (int step = 0; step <= static_cast<int>(Step::CloseNode); ++step) {
     EXPECT_THAT(message(static_cast<Step>(step), EIO),

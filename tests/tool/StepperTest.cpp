@@ -2,8 +2,6 @@
 // What the tool makes of a stepper controller's words, and the line it writes on a terminal.
 #include <gmock/gmock.h>
 
-#include <sstream>
-
 #include "tests/tool/ToolRun.h"
 #include "tool/chips/StepperMotion.h"
 #include "tool/chips/StepperRegisters.h"
@@ -156,42 +154,6 @@ TEST(StepperRegisters, NumbersHaveASignOrABase) {
   for (const char* text : {"", "-", "0x", "-0x5", "--5", "5x", "1.5", "4294967296"}) {
     EXPECT_EQ(parseNumber(text), std::nullopt) << text;
   }
-}
-
-constexpr tool::Column kColumns[] = {{.name = "n", .textWidth = 3}, {.name = "state"}};
-
-std::string written(tool::Format format, bool terminal) {
-  std::ostringstream out;
-  tool::MotionWriter writer(out, format, "chip", kColumns, terminal);
-  writer.write({int64_t{1}, std::string("long words")});
-  writer.write({int64_t{2}, std::string("short")});
-  writer.finish();
-  writer.finish();
-  writer.write({int64_t{3}, std::string("last")});
-  writer.finish();
-  return out.str();
-}
-
-TEST(MotionWriter, OnATerminalOneLineIsWrittenAgainAndAgain) {
-  EXPECT_EQ(written(tool::Format::Text, true),
-            "\rn   1  state long words\x1b[K\rn   2  state short\x1b[K\n"
-            "\rn   3  state last\x1b[K\n");
-}
-
-TEST(MotionWriter, InAPipeAndAsDataEachRecordIsALine) {
-  EXPECT_EQ(written(tool::Format::Text, false),
-            "n   1  state long words\nn   2  state short\nn   3  state last\n");
-  EXPECT_EQ(written(tool::Format::Csv, true), "n,state\n1,long words\n2,short\n3,last\n");
-  EXPECT_THAT(written(tool::Format::Json, true),
-              testing::StartsWith("{\"chip\":\"chip\",\"n\":1,\"state\":\"long words\"}\n{"));
-}
-
-TEST(MotionWriter, ALiveLineThatCantBeWrittenIsAnError) {
-  std::ostringstream out;
-  out.setstate(std::ios::badbit);
-  tool::MotionWriter writer(out, tool::Format::Text, "chip", kColumns, true);
-  EXPECT_THROW(writer.write({int64_t{1}, std::string("x")}), tool::OutputError);
-  EXPECT_FALSE(tool::isTerminal(out));
 }
 
 TEST(StepperHelp, TellsWhatTheL6470sDriverCantDo) {

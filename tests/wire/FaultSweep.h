@@ -14,7 +14,8 @@
 
 namespace wire {
 
-/// One journal line of a run that succeeds, and how it is reported when it fails instead.
+/// One journal line of a run that succeeds, and how it is reported when it fails instead. What an
+/// operation still does on its way out stands among the `places` as the line that it leaves.
 struct Step {
   std::string line;             ///< `close(7) = 0`
   std::string perrorText = {};  ///< empty: `perror` isn't called
@@ -142,7 +143,7 @@ class FaultSweep {
       lines.push_back("perror(\"" + step.perrorText + "\") " + name[0]);
     }
     for (const std::string& place : step.places) {
-      lines.push_back(logged(error, place));
+      lines.push_back(place.find(".cpp ") == std::string::npos ? place : logged(error, place));
     }
     return lines;
   }

@@ -6,6 +6,8 @@
 #include <chrono>
 #include <cmath>
 
+#include "tool/LiveWriter.h"
+#include "tool/Records.h"
 #include "tool/chips/StepperRegisters.h"
 
 namespace tool {
@@ -131,7 +133,7 @@ class Motion {
   const MotionCommand& command_;
   const Follow& follow_;
   std::span<const Column> columns_;
-  MotionWriter writer_;
+  LiveWriter writer_;
   StepperStatus before_;
   std::optional<int32_t> target_;
   Clock::time_point begin_;
@@ -376,23 +378,6 @@ std::string powerUpAdvice(const StepperLink& link) {
                    "power-up set GATECFG1 and GATECFG2 to your board's values, then {}",
                    link.commandLine("status --clear"))
              : "note: undervoltage or a reset since the flags were last cleared, as after power-up";
-}
-
-MotionWriter::MotionWriter(std::ostream& out, Format format, std::string_view chip,
-                           std::span<const Column> columns, bool terminal)
-    : records_(out, format, chip, columns),
-      line_(out),
-      columns_(columns),
-      live_(terminal && format == Format::Text) {
-}
-
-void MotionWriter::write(std::initializer_list<Value> values) {
-  if (!live_) {
-    records_.write(values);
-    return;
-  }
-  const std::string line[] = {textLine(columns_, {values.begin(), values.size()})};
-  line_.write(line);
 }
 
 }  // namespace tool

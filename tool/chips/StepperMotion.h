@@ -4,15 +4,10 @@
 
 #include <cstdint>
 #include <functional>
-#include <initializer_list>
-#include <iosfwd>
 #include <optional>
-#include <span>
 #include <string>
 
 #include "tool/App.h"
-#include "tool/Live.h"
-#include "tool/Records.h"
 #include "tool/chips/StepperLink.h"
 
 namespace tool {
@@ -68,23 +63,6 @@ void carryOutStill(const Context& context, StepperLink& link, const std::string&
 
 /// A note for a status that shows an undervoltage or a reset.
 std::string powerUpAdvice(const StepperLink& link);
-
-/// Records of a motion: one line each, or on a terminal one line that is written again and again.
-class MotionWriter {
- public:
-  /// `columns` must outlive the writer.
-  MotionWriter(std::ostream& out, Format format, std::string_view chip,
-               std::span<const Column> columns, bool terminal);
-  void write(std::initializer_list<Value> values);
-  /// Ends the line that is being written again and again; others may write then.
-  void finish() { line_.finish(); }
-
- private:
-  RecordWriter records_;
-  LiveLines line_;
-  std::span<const Column> columns_;
-  bool live_;
-};
 
 }  // namespace tool
 

@@ -20,6 +20,13 @@ inline std::string hexText(uint8_t byte) {
   return text;
 }
 
+/// "0x05a" with three digits.
+inline std::string hexText(uint32_t value, int digits) {
+  char text[16];
+  std::snprintf(text, sizeof text, "0x%0*x", digits, static_cast<unsigned>(value));
+  return text;
+}
+
 }  // namespace vboard
 
 #endif

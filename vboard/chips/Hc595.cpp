@@ -7,6 +7,7 @@
 #include "vboard/board/Board.h"
 #include "vboard/chips/Bytes.h"
 #include "vboard/chips/Knobs.h"
+#include "vboard/chips/Wiring.h"
 
 namespace vboard {
 
@@ -147,7 +148,7 @@ void Hc595::latch() {
                                   " clocks since power-up: the other bits are noise");
   }
   // In a cascade SER follows the clock as well, and is sampled before it does.
-  if (late_ != 0 && fedByHost()) {
+  if (late_ != 0 && fedByHost(ser_)) {
     violate("data-hold", "SER changed with the rising SRCLK: a race; modes 0 and 3 are right");
   }
   if (tooFast_ != 0) {
@@ -160,14 +161,6 @@ void Hc595::latch() {
   if (observed()) {
     note("latched " + hexText(latched_));
   }
-}
-
-bool Hc595::fedByHost() const {
-  const std::vector<Pin*> none;
-  const std::vector<Pin*>& pins = ser_.net() != nullptr ? ser_.net()->pins() : none;
-  return std::any_of(pins.begin(), pins.end(), [](const Pin* pin) {
-    return dynamic_cast<const SpiBus*>(&pin->part()) != nullptr;
-  });
 }
 
 void Hc595::showOutputs() {

@@ -54,7 +54,6 @@ class Hc595 : public SpiChip {
   void addProperties();
   void shift();
   void latch();
-  bool fedByHost() const;
   void showOutputs();
 
   Pin& ser_;

@@ -34,6 +34,22 @@ std::function<std::optional<std::string>(const PropertyValue&)> numberSetter(
   };
 }
 
+Property numberProperty(std::string name, std::string unit, std::string help, double lowest,
+                        double highest, std::function<double()> get,
+                        std::function<void(double)> set) {
+  return {std::move(name),
+          std::move(unit),
+          std::move(help),
+          [get = std::move(get)]() -> PropertyValue { return get(); },
+          numberSetter(lowest, highest, std::move(set)),
+          false};
+}
+
+Property meterProperty(std::string name, std::string unit, std::string help,
+                       std::function<PropertyValue()> get) {
+  return {std::move(name), std::move(unit), std::move(help), std::move(get), {}, true};
+}
+
 Property boolProperty(std::string name, std::string help, std::function<bool()> get,
                       std::function<void(bool)> set) {
   const auto setter =

@@ -16,6 +16,15 @@ namespace vboard {
 std::function<std::optional<std::string>(const PropertyValue&)> numberSetter(
     double lowest, double highest, std::function<void(double)> set);
 
+/// A knob that takes a number between two limits.
+Property numberProperty(std::string name, std::string unit, std::string help, double lowest,
+                        double highest, std::function<double()> get,
+                        std::function<void(double)> set);
+
+/// A meter of the end-of-run report.
+Property meterProperty(std::string name, std::string unit, std::string help,
+                       std::function<PropertyValue()> get);
+
 /// A knob that is on or off.
 Property boolProperty(std::string name, std::string help, std::function<bool()> get,
                       std::function<void(bool)> set);

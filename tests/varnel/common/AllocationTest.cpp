@@ -8,11 +8,16 @@
 #include <memory>
 #include <vector>
 
+#include "tests/varnel/chips/EepromRig.h"
 #include "tests/wire/Selector.h"
 #include "tests/wire/Wire.h"
 #include "varnel/chips/analogin/SpiAnalogIn1x12Bit_MCP3201.h"
 #include "varnel/chips/analogin/SpiAnalogIn2x24BitADS1248.h"
 #include "varnel/chips/analogin/SpiAnalogIn4x24BitADS1256.h"
+#include "varnel/chips/analogout/SpiAnalogOut2x12Bit_MCP4822.h"
+#include "varnel/chips/analogout/SpiLedDriver12Bit_TLC5947.h"
+#include "varnel/chips/encoder/SpiQuadratureCounter48BitIC_MD.h"
+#include "varnel/chips/misc/SpiPotentiometer16Bit_AD529x.h"
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 #define HEAP_IS_THE_SANITIZERS 1
@@ -182,6 +187,55 @@ TEST_F(Allocation, IsNotNeededByConversionsOfFourChannels) {
   adc.setChipSelector(&selector_);
   EXPECT_EQ(allocationsOf([&adc] { return adc.doConversion(); }), 0U);
   EXPECT_EQ(adc.readChannel(3), 0xEEEEEE);
+}
+
+TEST_F(Allocation, IsNotNeededToWriteAnalogOutputs) {
+  Varnel::CSpiAnalogOut2x12Bit_MCP4822 dac;
+  dac.setBus(&bus_);
+  dac.setChipSelector(&selector_);
+  dac.configurePins(10);
+  dac.open();
+  EXPECT_EQ(allocationsOf([&] { return dac.setValue(1, 1000, true); }), 0U);
+  EXPECT_EQ(wire_.pausedMessages(), 201U) << "two words each, and one to settle in mode 3";
+}
+
+TEST_F(Allocation, IsNotNeededToSendATableOfPulseWidths) {
+  Varnel::CSpiLedDriver12Bit_TLC5947 leds(72);
+  leds.setBus(&bus_);
+  leds.setLatchPin(&latch_);
+  EXPECT_EQ(allocationsOf([&] { return leds.setPWMs(0, 71, 4095, true); }), 0U);
+  EXPECT_EQ(wire_.pausedMessages(), 100U);
+}
+
+TEST_F(Allocation, IsNotNeededToReadACounter) {
+  Varnel::iC_MD::CSpiQuadratureCounter48Bit counter;
+  counter.setBus(&bus_);
+  counter.setChipSelector(&selector_);
+  int32_t position = 0;
+  EXPECT_EQ(allocationsOf([&] { return counter.readPosition32(0, position); }), 0U);
+  EXPECT_EQ(position, 0xEEEEEE);
+  EXPECT_EQ(allocationsOf([&] { return counter.connect(); }), 0U);
+}
+
+TEST_F(Allocation, IsNotNeededToReadAndWriteAMemory) {
+  OpenEeprom eeprom;
+  eeprom.setBus(&bus_);
+  eeprom.setChipSelector(&selector_);
+  uint8_t byte = 0;
+  EXPECT_EQ(allocationsOf([&] { return eeprom.readByte(0x123, byte); }), 0U);
+  EXPECT_EQ(byte, 0xEE);
+  EXPECT_EQ(allocationsOf([&] { return eeprom.writeByte(0x123, 1); }), 0U);
+  EXPECT_EQ(wire_.pausedMessages(), 800U);
+}
+
+TEST_F(Allocation, IsNotNeededToSetAPotentiometer) {
+  Varnel::CSpiPotentiometer16Bit_AD529x pot;
+  pot.setBus(&bus_);
+  pot.setLatchPin(&latch_);
+  uint16_t value = 0;
+  EXPECT_EQ(allocationsOf([&] { return pot.writeRDAC(++value); }), 0U);
+  EXPECT_EQ(allocationsOf([&] { return pot.readTpMem(0) - 0x2EE; }), 0U);
+  EXPECT_EQ(wire_.pausedMessages(), 300U);
 }
 
 }  // namespace

@@ -202,8 +202,9 @@ TEST(GpioChip, TellsItsEdgeListenerLineLevelAndTime) {
 
 TEST(Catalog, MakesPartsByTypeAndRefusesOthers) {
   EXPECT_THAT(vboard::partTypes(),
-              ElementsAre("74HC138", "74HC595", "74LV165A", "ADS1248", "ADS1256", "L6470",
-                          "MCP3201", "powerSTEP01", "stepper-motor", "tri-state-buffer"));
+              ElementsAre("AD5291", "AD5292", "ADS1248", "ADS1256", "AT25640B", "74HC138",
+                          "encoder", "74HC595", "iC-MD", "L6470", "74LV165A", "MCP3201", "MCP4822",
+                          "powerSTEP01", "stepper-motor", "TLC5947", "tri-state-buffer"));
   for (const std::string_view type : vboard::partTypes()) {
     const auto part = vboard::makePart(type, "some");
     ASSERT_NE(part, nullptr);

@@ -21,7 +21,7 @@ class CSpiAnalogIn2x24Bit_ADS1248Private;
 ///             transfer, also in the middle of a conversion.
 /// Pins:       chip select (active low) through a chip selector on a GPIO pin, since the chip stays
 ///             selected over several transfers; START and RESET as outputs, DRDY as input
-/// Controller: any
+/// Controller: any that has mode 1
 ///
 /// Channel 0 is AIN0 - AIN1 against reference input REF0, channel 1 is AIN7 - AIN6 against REF1.
 /// `open` sets 750 uA of excitation on IEXC1 and IEXC2, a gain of 8 and 80 samples per second.

@@ -23,7 +23,7 @@ class CSpiAnalogIn4x24Bit_ADS1256Private;
 /// Pins:       chip select (active low) through a chip selector on a GPIO pin, since the chip stays
 ///             selected over several transfers; RESET as output; DRDY as input, connected but not
 ///             read
-/// Controller: any
+/// Controller: any that has mode 1
 ///
 /// Physical channel n, 0 to 3, is AIN(2n) - AIN(2n+1). `open` sets the input buffer on, a gain of 2
 /// and 2,000 samples per second, and starts a self-calibration.
