@@ -327,10 +327,10 @@ TEST(Diag, ThreadsMayLogWhileTheApplicationConfigures) {
         std::atomic<bool> done{false};
         std::thread application([&done] {
           const log4cplus::SharedAppenderPtr appender(new log4cplus::NullAppender);
-          while (!done) {
+          do {
             log4cplus::Logger::getRoot().addAppender(appender);
             std::this_thread::yield();
-          }
+          } while (!done);
         });
         hammer(3, 50);
         done = true;

@@ -141,14 +141,14 @@ void addOperations(App& app, CLI::App& chip) {
 }  // namespace mcp4822
 
 double mcp4822Volts(uint16_t code) {
-  return code * kReference / kSteps;
+  return code * mcp4822::kReference / mcp4822::kSteps;
 }
 
 std::optional<uint16_t> mcp4822Code(std::string_view text) {
   if (!text.ends_with('V') && !text.ends_with('v')) {
     const std::optional<uint64_t> code = parseWhole(text);
-    return code && *code <= Driver::MAX_VALUE ? std::optional(static_cast<uint16_t>(*code))
-                                              : std::nullopt;
+    return code && *code <= mcp4822::Driver::MAX_VALUE ? std::optional(static_cast<uint16_t>(*code))
+                                                       : std::nullopt;
   }
   double volts = 0;
   const char* const end = text.data() + text.size() - 1;
@@ -156,8 +156,9 @@ std::optional<uint16_t> mcp4822Code(std::string_view text) {
   if (result.ec != std::errc() || result.ptr != end || !std::isfinite(volts) || volts < 0) {
     return std::nullopt;
   }
-  const double code = std::round(volts * kSteps / kReference);
-  return code <= Driver::MAX_VALUE ? std::optional(static_cast<uint16_t>(code)) : std::nullopt;
+  const double code = std::round(volts * mcp4822::kSteps / mcp4822::kReference);
+  return code <= mcp4822::Driver::MAX_VALUE ? std::optional(static_cast<uint16_t>(code))
+                                            : std::nullopt;
 }
 
 void registerMcp4822(App& app) {

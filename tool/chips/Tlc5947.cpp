@@ -268,9 +268,9 @@ Tlc5947Outputs parseTlc5947Outputs(std::string_view text) {
   Tlc5947Outputs parsed{};
   unsigned int value = 0;
   try {
-    parsed.first = wholeOf(outputs.substr(0, dash));
-    parsed.last = dash == outputs.npos ? parsed.first : wholeOf(outputs.substr(dash + 1));
-    value = wholeOf(equals == text.npos ? "" : text.substr(equals + 1));
+    parsed.first = tlc5947::wholeOf(outputs.substr(0, dash));
+    parsed.last = dash == outputs.npos ? parsed.first : tlc5947::wholeOf(outputs.substr(dash + 1));
+    value = tlc5947::wholeOf(equals == text.npos ? "" : text.substr(equals + 1));
   } catch (const std::invalid_argument&) {
     throw std::invalid_argument(
         fmt::format("'{}' is not OUTPUT=VALUE, such as 5=2048 or 0-2=4095", text));
@@ -279,9 +279,9 @@ Tlc5947Outputs parseTlc5947Outputs(std::string_view text) {
     throw std::invalid_argument(
         fmt::format("'{}': {} comes after {}", text, parsed.first, parsed.last));
   }
-  if (value > Driver::MAX_PWM) {
-    throw std::invalid_argument(
-        fmt::format("'{}': the value is above {}, the largest pulse width", text, Driver::MAX_PWM));
+  if (value > tlc5947::Driver::MAX_PWM) {
+    throw std::invalid_argument(fmt::format("'{}': the value is above {}, the largest pulse width",
+                                            text, tlc5947::Driver::MAX_PWM));
   }
   parsed.value = static_cast<uint16_t>(value);
   return parsed;
