@@ -42,7 +42,8 @@ class CLinuxIoPinPrivate {
 };
 
 CLinuxIoPin::CLinuxIoPin(unsigned int pin, ePinDirection direction, ePinMode mode)
-    : d(std::make_shared<CLinuxIoPinPrivate>(pin, direction, mode)) {}
+    : d(std::make_shared<CLinuxIoPinPrivate>(pin, direction, mode)) {
+}
 CLinuxIoPin::CLinuxIoPin(const CLinuxIoPin& other) = default;
 CLinuxIoPin::CLinuxIoPin(CLinuxIoPin&& other) noexcept = default;
 CLinuxIoPin& CLinuxIoPin::operator=(const CLinuxIoPin& other) = default;
