@@ -100,8 +100,9 @@ void showStatus(const Context& context, MemoryLink& link) {
 void readRows(const Context& context, const Options& options, MemoryLink& link) {
   link.start();
   RecordWriter writer(context.out, context.options.format, kChip.name, kReadColumns);
-  const size_t end = options.address + options.bytes;
-  for (size_t row = options.address; row < end && !link.interrupted(); row += kRowSize) {
+  const auto begin = static_cast<size_t>(options.address);
+  const size_t end = begin + options.bytes;
+  for (size_t row = begin; row < end && !link.interrupted(); row += kRowSize) {
     std::string data;
     std::string text;
     for (size_t address = row; address < std::min(row + kRowSize, end); ++address) {
@@ -115,7 +116,8 @@ void readRows(const Context& context, const Options& options, MemoryLink& link) 
 
 void writeValues(const Context& context, const Options& options, MemoryLink& link) {
   ProgressBar progress(context.err, isTerminal(context.err));
-  const Written done = writeBytes(link, link.start(), options.address, options.values, progress);
+  const Written done = writeBytes(link, link.start(), static_cast<size_t>(options.address),
+                                  options.values, progress);
   progress.clear();
   RecordWriter writer(context.out, context.options.format, kChip.name, kWriteColumns);
   writer.write({fmt::format("{} {} at {:#06x}: {} written, {} unchanged", options.values.size(),
