@@ -45,6 +45,14 @@ function(varnel_leaves_blocks_allocated)
   endif()
 endfunction()
 
+# varnel_precompile(TARGET header...): parses these once for all sources, in builds that join sources.
+# Others show which source forgot an include.
+function(varnel_precompile target)
+  if(CMAKE_UNITY_BUILD)
+    target_precompile_headers(${target} PRIVATE ${ARGN})
+  endif()
+endfunction()
+
 # Coverage is wanted of the libraries, not of their tests.
 add_library(varnel_coverage INTERFACE)
 if(VARNEL_COVERAGE)
