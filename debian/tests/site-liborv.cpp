@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <utility>
 
+#include "orv/Bits.h"
 #include "orv/Diag.h"
 #include "orv/ErrorCode.h"
 #include "orv/LinuxIoPin.h"
@@ -88,6 +89,14 @@ int CLinuxIoPin::read() {
   return ::ioctl(d->m_Line, GPIO_V2_LINE_GET_VALUES_IOCTL, &values) < 0
              ? -errno
              : static_cast<int>(values.bits & 1);
+}
+
+unsigned int bitCount(unsigned int value) {
+  unsigned int count = 0;
+  for (; value != 0; value &= value - 1) {
+    ++count;
+  }
+  return count;
 }
 
 void CThread::sleep(unsigned int milliseconds) {
