@@ -72,4 +72,8 @@ function(varnel_shared_library target version_script)
   if(NOT VARNEL_SANITIZE)
     target_link_options(${target} PRIVATE LINKER:--no-undefined)
   endif()
+  if(CMAKE_SYSTEM_PROCESSOR MATCHES "^arm")
+    # Pages of 32-bit ARM kernels. Newer linkers align for 64 KB, which pads half as much again.
+    target_link_options(${target} PRIVATE LINKER:-z,max-page-size=4096)
+  endif()
 endfunction()
